@@ -1,0 +1,9 @@
+# Flags of the project's own C++ code: warnings are errors, no exceptions, no RTTI.
+add_library(project_flags INTERFACE)
+target_compile_options(project_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Werror -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wcast-qual -Wformat=2
+    -Wundef -Wmissing-declarations -Wnull-dereference -Wdouble-promotion -Wimplicit-fallthrough -Wvla)
+
+add_library(daemon_flags INTERFACE)
+target_link_libraries(daemon_flags INTERFACE project_flags)
+target_compile_options(daemon_flags INTERFACE -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections)

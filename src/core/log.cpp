@@ -1,0 +1,48 @@
+#include "core/log.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include "core/global.h"
+#include "platform/korvalog.h"
+
+namespace {
+
+constexpr int kFilter = 4;
+constexpr char kWrapper[] = " ^[error %s]";
+
+int message_id(LogLevel level) {
+    switch (level) {
+        case LOG_LEVEL_ERROR:
+            return 399816;
+        case LOG_LEVEL_WARNING:
+            return 399838;
+        case LOG_LEVEL_INFO:
+            return 399815;
+        case LOG_LEVEL_DEBUG:
+            return 399814;
+    }
+    return 0;
+}
+
+}  // namespace
+
+bool vyrwrap_log_enabled(LogLevel level) {
+    if (_isdefaultLogLevel)
+        return true;
+    if (!lgClientInfo.levels)
+        return false;
+    const auto *entry = static_cast<const lgModuleLevel *>(HashFind(lgClientInfo.levels, kVyrwrapModule));
+    return entry && entry->level >= level;
+}
+
+void vyrwrap_log_emit(LogLevel level, const char *format, ...) {
+    const int saved_errno = errno;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(lgClientInfo.buffer, sizeof lgClientInfo.buffer, format, args);
+    va_end(args);
+    _korvaNewLogWithFltr(kVyrwrapModule, level, kFilter, message_id(level), kWrapper, lgClientInfo.buffer);
+    errno = saved_errno;
+}

@@ -1,0 +1,16 @@
+/*
+ * Start-up, the event loop and the end of the daemon.
+ */
+#pragma once
+
+/** The whole life of the daemon. Returns its exit status: 0, or -1 when a configuration file cannot be written. */
+int vyrwrap_main();
+
+/** Builds every subsystem in its order. Returns 1, or 0 when the loop must not run. */
+int vyrwrap_init();
+
+/** Creates the DAL context in the loop, unless there is one, and subscribes. */
+void vyrwrap_dal_init();
+
+/** The DAL library's word that the connection was lost: only remembered, for the timer. */
+void vyrwrap_dal_disconnect_cb();
