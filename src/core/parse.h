@@ -1,0 +1,10 @@
+/*
+ * Numbers in texts that others wrote.
+ */
+#pragma once
+
+/**
+ * What atoi yields, for every text: leading blanks and a sign, then digits up to the first other character; 0 when
+ * there is no digit. A number beyond int, where atoi is undefined, is the nearest int. NULL is read as the empty text.
+ */
+int parse_int(const char *text);
