@@ -28,13 +28,17 @@ int message_id(LogLevel level) {
 
 }  // namespace
 
-bool vyrwrap_log_enabled(LogLevel level) {
+bool vyrwrap_module_log_enabled(int module, LogLevel level) {
     if (_isdefaultLogLevel)
         return true;
     if (!lgClientInfo.levels)
         return false;
-    const auto *entry = static_cast<const lgModuleLevel *>(HashFind(lgClientInfo.levels, kVyrwrapModule));
+    const auto *entry = static_cast<const lgModuleLevel *>(HashFind(lgClientInfo.levels, module));
     return entry && entry->level >= level;
+}
+
+bool vyrwrap_log_enabled(LogLevel level) {
+    return vyrwrap_module_log_enabled(kVyrwrapModule, level);
 }
 
 void vyrwrap_log_emit(LogLevel level, const char *format, ...) {

@@ -14,7 +14,10 @@ enum LogLevel {
     LOG_LEVEL_DEBUG = 7,
 };
 
-/** Whether a message of that level would be emitted now. */
+/** Whether a message of that level would be emitted now under a module of the logging library. */
+bool vyrwrap_module_log_enabled(int module, LogLevel level);
+
+/** The same for the daemon's own module. */
 bool vyrwrap_log_enabled(LogLevel level);
 
 /** Formats and emits one message under the daemon's module, without asking whether its level is enabled. errno stays.
