@@ -13,5 +13,5 @@ void vyrwrap_dal_delete_write(dal_evloop_conn *conn);
 /** Takes the connection out of the loop and frees its timer slot. */
 void redisDispatcherCleanup(dal_evloop_conn *conn);
 
-/** Gives a new connection its timer slot. Returns 0; -1 when memory is short. */
+/** Gives a new connection its timer slot, which stays NULL when memory is short. Returns 0. */
 int vyrwrap_dal_attach(dal_evloop_conn *conn);

@@ -44,3 +44,6 @@ struct VyrwrapGlobal {
 
 /** Zero at start. */
 extern VyrwrapGlobal vyrwrap_global;
+
+/** A file of the routing daemon's has changed: raises config_dirty and begins the quiet period anew. */
+void vyrwrap_mark_config_dirty(const char *function);

@@ -1,0 +1,115 @@
+#include "core/config_files.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "core/config_file.h"
+#include "core/log.h"
+
+namespace {
+
+constexpr char kTemplatePath[] = "/etc/bird/vyr.conf";
+constexpr char kMainPath[] = "/tmp/vyr.conf";
+constexpr char kLogPath[] = "/tmp/vyr_log.conf";
+constexpr char kAppPath[] = "/tmp/vyr_app.conf";
+constexpr char kStaticPath[] = "/tmp/vyr_static.conf";
+
+constexpr unsigned kMaxPrefixes = 512;
+
+/** Appends the whole template. Returns 0, or -1 with errno set. */
+int append_template(ConfigFile *file, FILE *source) {
+    char block[4096];
+    while (const size_t count = fread(block, 1, sizeof block, source))
+        config_file_put(file, {block, count});
+    return ferror(source) ? -1 : 0;
+}
+
+int copy_main_config() {
+    FILE *source = fopen(kTemplatePath, "re");
+    if (!source) {
+        log_error("<VYRWRAP>: Failed to open /etc/bird/vyr.conf - %s", strerror(errno));
+        return -1;
+    }
+    ConfigFile *file = config_file_open(kMainPath);
+    if (!file) {
+        const int open_error = errno;
+        fclose(source);
+        log_error("<VYRWRAP>: Failed to open /tmp/vyr.conf- %s", strerror(open_error));
+        return -1;
+    }
+    if (append_template(file, source) < 0) {
+        log_error("<VYRWRAP>: Failed to open /etc/bird/vyr.conf - %s", strerror(errno));
+        config_file_discard(file);
+        fclose(source);
+        return -1;
+    }
+    fclose(source);
+    if (config_file_close(file) < 0) {
+        log_error("<VYRWRAP>: Failed to open /tmp/vyr.conf- %s", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int write_log_config() {
+    ConfigFile *file = config_file_open(kLogPath);
+    if (file)
+        config_file_put(file,
+                        "log \"/var/log/korvalog/NETWORK.log\" 40960 \"/var/log/korvalog/NETWORK.log.1\" "
+                        "{ warning, error, auth, fatal, bug };\n");
+    if (!file || config_file_close(file) < 0) {
+        log_error("<VYRWRAP>: Failed to open /tmp/vyr_log.conf - %s", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+void put_app_config(ConfigFile *file) {
+    log_info("<VYRWRAP>: %s Setting System Max Prefixes limit to: %u", "vyr_app_config", kMaxPrefixes);
+    config_file_put(file,
+                    "filter app_export_filter {\n"
+                    "\tif ((source = RTS_STATIC) && (proto = \"ospf_agg\")) then {\n"
+                    "\t\t reject;\n"
+                    "\t}\n"
+                    "\t accept;\n"
+                    "}\n");
+    config_file_printf(file, "%s {\n", "protocol app");
+    config_file_printf(file, "\t max_prefixes %u;\n", kMaxPrefixes);
+    config_file_put(file,
+                    "\t ipv4 {\n"
+                    "\t\t export filter app_export_filter;\n"
+                    "\t};\n"
+                    "}\n");
+}
+
+int write_app_config() {
+    ConfigFile *file = config_file_open(kAppPath);
+    if (file)
+        put_app_config(file);
+    if (!file || config_file_close(file) < 0) {
+        const int open_error = errno;
+        log_error("<VYRWRAP>: Failed to open %s - %s", kAppPath, strerror(open_error));
+        log_error("<VYRWRAP>: Failed to write /tmp/vyr_app.conf - %s", strerror(open_error));
+        return -1;
+    }
+    return 0;
+}
+
+int create_static_config() {
+    fputs("VyrWrap, config vyr_static\n", stderr);
+    ConfigFile *file = config_file_open(kStaticPath);
+    if (!file || config_file_close(file) < 0) {
+        log_error("<VYRWRAP>: Failed to open /tmp/vyr_static.conf - %s", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int vyrwrap_write_startup_config() {
+    if (copy_main_config() < 0 || write_log_config() < 0 || write_app_config() < 0)
+        return -1;
+    return create_static_config();
+}

@@ -1,0 +1,11 @@
+#include "core/global.h"
+
+#include "core/log.h"
+
+VyrwrapGlobal vyrwrap_global;
+
+void vyrwrap_mark_config_dirty(const char *function) {
+    vyrwrap_global.config_dirty = 1;
+    vyrwrap_global.dirty_wait_ticks = 0;
+    log_debug("<VYRWRAP>: Dirty flag set at %s", function);
+}
