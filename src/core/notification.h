@@ -1,0 +1,30 @@
+/*
+ * What the subscription callbacks have in common: reading a notification, which is an array of four texts.
+ */
+#pragma once
+
+#include <stddef.h>
+
+#include "platform/dal.h"
+
+/** Elements of a notification. */
+enum NotificationElement : size_t {
+    NOTIFICATION_KIND = 0, /**< "pmessage" */
+    NOTIFICATION_PATTERN = 1,
+    NOTIFICATION_CHANNEL = 2,
+    NOTIFICATION_DATA = 3, /**< event text of a keyspace notification */
+};
+
+inline constexpr size_t kNotificationElements = 4;
+
+/** The text of one element, NULL when the reply holds no such element or the element no text. */
+const char *notification_text(const dal_reply *reply, size_t element);
+
+/** dal_keyspace_notify_type of the event text; 0 when there is none. */
+int notification_action(const dal_reply *reply);
+
+/** Whether the reply has four elements. If not, that is logged under the caller's name. */
+bool notification_is_complete(const dal_reply *reply, const char *function);
+
+/** What stands behind `prefix` in `text`; NULL when `text` is NULL or begins otherwise. */
+const char *text_behind(const char *text, const char *prefix);

@@ -1,0 +1,55 @@
+#include "core/notification.h"
+
+#include "fakes/fakes.h"
+
+namespace {
+
+using NotificationTest = fake::Test;
+
+TEST_F(NotificationTest, GivesEachElementsText) {
+    const fake::Reply reply({"pmessage", "a*", "abc", "set"});
+    EXPECT_STREQ(notification_text(reply.get(), NOTIFICATION_KIND), "pmessage");
+    EXPECT_STREQ(notification_text(reply.get(), NOTIFICATION_PATTERN), "a*");
+    EXPECT_STREQ(notification_text(reply.get(), NOTIFICATION_CHANNEL), "abc");
+    EXPECT_STREQ(notification_text(reply.get(), NOTIFICATION_DATA), "set");
+}
+
+TEST_F(NotificationTest, GivesNoTextWhereThereIsNone) {
+    EXPECT_EQ(notification_text(nullptr, 0), nullptr);
+    const fake::Reply two({"pmessage", "a*"});
+    EXPECT_EQ(notification_text(two.get(), NOTIFICATION_CHANNEL), nullptr);
+    fake::Reply nil({"pmessage", "a*", "abc", "set"});
+    nil.element(2)->str = nullptr;
+    EXPECT_EQ(notification_text(nil.get(), NOTIFICATION_CHANNEL), nullptr);
+    dal_reply bare = {DAL_REPLY_ARRAY, 0, 0, nullptr, 4, nullptr};
+    EXPECT_EQ(notification_text(&bare, 0), nullptr);
+    dal_reply *elements[4] = {};
+    bare.element = elements;
+    EXPECT_EQ(notification_text(&bare, 3), nullptr);
+}
+
+TEST_F(NotificationTest, ClassifiesTheEventText) {
+    EXPECT_EQ(notification_action(fake::Reply({"pmessage", "a*", "abc", "hdel"}).get()), DAL_NOTIFY_HDEL);
+    EXPECT_EQ(notification_action(fake::Reply({"pmessage", "a*", "abc", "lpush"}).get()), 0);
+    EXPECT_EQ(notification_action(fake::Reply({"pmessage", "a*", "abc"}).get()), 0);
+}
+
+TEST_F(NotificationTest, AnyNumberOfElementsButFourIsLoggedUnderTheCallersName) {
+    EXPECT_TRUE(notification_is_complete(fake::Reply({"a", "b", "c", "d"}).get(), "f"));
+    EXPECT_TRUE(fake::log_lines.empty());
+    EXPECT_FALSE(notification_is_complete(fake::Reply({"a", "b", "c"}).get(), "f"));
+    EXPECT_FALSE(notification_is_complete(fake::Reply({"a", "b", "c", "d", "e"}).get(), "g"));
+    EXPECT_EQ(fake::log_texts(3),
+              (std::vector<std::string>{"<VYRWRAP>: f: unexpected num of elements (3), expected 4\n",
+                                        "<VYRWRAP>: g: unexpected num of elements (5), expected 4\n"}));
+}
+
+TEST_F(NotificationTest, FindsWhatStandsBehindAPrefix) {
+    EXPECT_STREQ(text_behind("/op/x", "/op/"), "x");
+    EXPECT_STREQ(text_behind("/op/", "/op/"), "");
+    EXPECT_EQ(text_behind("/op", "/op/"), nullptr);
+    EXPECT_EQ(text_behind("/on/x", "/op/"), nullptr);
+    EXPECT_EQ(text_behind(nullptr, "/op/"), nullptr);
+}
+
+}  // namespace
