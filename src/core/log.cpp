@@ -9,9 +9,6 @@
 
 namespace {
 
-constexpr int kFilter = 4;
-constexpr char kWrapper[] = " ^[error %s]";
-
 int message_id(LogLevel level) {
     switch (level) {
         case LOG_LEVEL_ERROR:
@@ -47,6 +44,6 @@ void vyrwrap_log_emit(LogLevel level, const char *format, ...) {
     va_start(args, format);
     vsnprintf(lgClientInfo.buffer, sizeof lgClientInfo.buffer, format, args);
     va_end(args);
-    _korvaNewLogWithFltr(kVyrwrapModule, level, kFilter, message_id(level), kWrapper, lgClientInfo.buffer);
+    _korvaNewLogWithFltr(kVyrwrapModule, level, kLogFilter, message_id(level), kLogWrapper, lgClientInfo.buffer);
     errno = saved_errno;
 }

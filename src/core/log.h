@@ -14,6 +14,10 @@ enum LogLevel {
     LOG_LEVEL_DEBUG = 7,
 };
 
+/** What every message gives the logging library beside its text. */
+inline constexpr int kLogFilter = 4;
+inline constexpr char kLogWrapper[] = " ^[error %s]";
+
 /** Whether a message of that level would be emitted now under a module of the logging library. */
 bool vyrwrap_module_log_enabled(int module, LogLevel level);
 
