@@ -10,6 +10,12 @@ const char *notification_text(const dal_reply *reply, size_t element) {
     return reply->element[element]->str;
 }
 
+bool notification_is_pattern_message(const dal_reply *reply) {
+    const char *kind = notification_text(reply, NOTIFICATION_KIND);
+    return kind && reply->type == DAL_REPLY_ARRAY && reply->element[NOTIFICATION_KIND]->type == DAL_REPLY_STRING &&
+           strcmp(kind, "pmessage") == 0;
+}
+
 int notification_action(const dal_reply *reply) {
     const char *event = notification_text(reply, NOTIFICATION_DATA);
     return event ? dal_keyspace_notify_type(event) : 0;

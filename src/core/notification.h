@@ -20,6 +20,9 @@ inline constexpr size_t kNotificationElements = 4;
 /** The text of one element, NULL when the reply holds no such element or the element no text. */
 const char *notification_text(const dal_reply *reply, size_t element);
 
+/** Whether the reply is a delivery on a pattern: an array whose first element is the text "pmessage". */
+bool notification_is_pattern_message(const dal_reply *reply);
+
 /** dal_keyspace_notify_type of the event text; 0 when there is none. */
 int notification_action(const dal_reply *reply);
 

@@ -28,12 +28,6 @@ void change_level(int facility, int level) {
     korvaChangeLglvl(&request);
 }
 
-bool is_pattern_message(const dal_reply *reply) {
-    const char *kind = notification_text(reply, NOTIFICATION_KIND);
-    return reply->type == DAL_REPLY_ARRAY && reply->elements == kNotificationElements && kind &&
-           strcmp(kind, "pmessage") == 0;
-}
-
 }  // namespace
 
 void init_syslog_facility(int facility) {
@@ -73,7 +67,7 @@ void vyrwrap_syslog_level_subscribe_cb(dal_ctx *, const dal_reply *reply, void *
              static_cast<int>(reply->elements), reply->type, text_or_null(notification_text(reply, NOTIFICATION_KIND)),
              text_or_null(notification_text(reply, NOTIFICATION_PATTERN)),
              text_or_null(notification_text(reply, NOTIFICATION_CHANNEL)));
-    if (!is_pattern_message(reply))
+    if (reply->elements != kNotificationElements || !notification_is_pattern_message(reply))
         return;
     const int facility = vyrwrap_syslog_notification_extract_facility(reply);
     if (facility > 0)

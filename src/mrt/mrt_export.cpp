@@ -25,13 +25,6 @@ constexpr uint32_t kRequestFlags = 0;
 
 constexpr int32_t kResultSuccess = 2;
 
-bool is_pattern_message(const dal_reply *reply) {
-    if (!reply || reply->type != DAL_REPLY_ARRAY)
-        return false;
-    const char *kind = notification_text(reply, NOTIFICATION_KIND);
-    return kind && reply->element[NOTIFICATION_KIND]->type == DAL_REPLY_STRING && strcmp(kind, "pmessage") == 0;
-}
-
 /** The export type that stands in the first bytes of a trigger's data; 0 when they are too few. */
 uint32_t export_type(const dal_reply *data) {
     uint32_t type = 0;
@@ -121,7 +114,7 @@ void write_export_file(const uint8_t *body, uint32_t length) {
 }  // namespace
 
 void vyrwrap_dal_mrt_subscribe_callback(dal_ctx *, const dal_reply *reply, void *) {
-    if (!is_pattern_message(reply))
+    if (!notification_is_pattern_message(reply))
         return;
     log_debug("<VYRWRAP> %s : Number of elements %d", "vyrwrap_dal_mrt_subscribe_callback",
               static_cast<int>(reply->elements));

@@ -52,4 +52,16 @@ TEST_F(NotificationTest, FindsWhatStandsBehindAPrefix) {
     EXPECT_EQ(text_behind(nullptr, "/op/"), nullptr);
 }
 
+TEST_F(NotificationTest, APatternMessageIsAnArrayThatBeginsWithPmessage) {
+    EXPECT_TRUE(notification_is_pattern_message(fake::Reply({"pmessage", "p", "c", "d"}).get()));
+    EXPECT_TRUE(notification_is_pattern_message(fake::Reply({"pmessage"}).get()));
+    EXPECT_FALSE(notification_is_pattern_message(fake::Reply({"message", "p", "c", "d"}).get()));
+    EXPECT_FALSE(notification_is_pattern_message(fake::Reply({}).get()));
+    EXPECT_FALSE(notification_is_pattern_message(fake::Reply({"pmessage", "p"}, DAL_REPLY_STRING).get()));
+    EXPECT_FALSE(notification_is_pattern_message(nullptr));
+    fake::Reply status({"pmessage", "p", "c", "d"});
+    status.element(0)->type = DAL_REPLY_STATUS;
+    EXPECT_FALSE(notification_is_pattern_message(status.get()));
+}
+
 }  // namespace

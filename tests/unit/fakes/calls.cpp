@@ -4,6 +4,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include "fakes/fakes.h"
 #include "fakes/internal.h"
@@ -12,6 +13,8 @@ namespace fake {
 
 std::function<bool(long *)> on_fork;
 std::function<bool(int, int, int *)> on_kill;
+std::function<bool(fd_set *, fd_set *, timeval *, int *)> on_select;
+long peer_uid = -1;
 
 namespace {
 
@@ -39,12 +42,15 @@ enum Call {
     CALL_SENDTO,
     CALL_KILL,
     CALL_RENAME,
+    CALL_GETSOCKOPT,
+    CALL_SETSOCKOPT,
+    CALL_FTRUNCATE,
     CALL_COUNT
 };
 
-constexpr const char *kNames[CALL_COUNT] = {"malloc", "calloc", "realloc", "fork",   "execvp", "socket",
-                                            "fcntl",  "bind",   "connect", "listen", "accept", "select",
-                                            "read",   "write",  "sendto",  "kill",   "rename"};
+constexpr const char *kNames[CALL_COUNT] = {
+    "malloc", "calloc", "realloc", "fork",  "execvp", "socket", "fcntl",  "bind",       "connect",    "listen",
+    "accept", "select", "read",    "write", "sendto", "kill",   "rename", "getsockopt", "setsockopt", "ftruncate"};
 
 // Plain arrays: the wrappers of malloc must not allocate.
 Plan plans[CALL_COUNT];
@@ -90,6 +96,8 @@ void reset_calls() {
         count = 0;
     on_fork = nullptr;
     on_kill = nullptr;
+    on_select = nullptr;
+    peer_uid = -1;
 }
 
 }  // namespace fake
@@ -115,13 +123,38 @@ WRAP(CALL_BIND, int, -1, bind, (int fd, const sockaddr *address, socklen_t lengt
 WRAP(CALL_CONNECT, int, -1, connect, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 WRAP(CALL_LISTEN, int, -1, listen, (int fd, int backlog), (fd, backlog))
 WRAP(CALL_ACCEPT, int, -1, accept, (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
-WRAP(CALL_SELECT, int, -1, select, (int n, fd_set *r, fd_set *w, fd_set *e, timeval *timeout), (n, r, w, e, timeout))
 WRAP(CALL_READ, ssize_t, -1, read, (int fd, void *buffer, size_t size), (fd, buffer, size))
 WRAP(CALL_WRITE, ssize_t, -1, write, (int fd, const void *buffer, size_t size), (fd, buffer, size))
 WRAP(CALL_SENDTO, ssize_t, -1, sendto,
      (int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length),
      (fd, buffer, size, flags, address, length))
 WRAP(CALL_RENAME, int, -1, rename, (const char *from, const char *to), (from, to))
+
+WRAP(CALL_SETSOCKOPT, int, -1, setsockopt, (int fd, int level, int option, const void *value, socklen_t length),
+     (fd, level, option, value, length))
+WRAP(CALL_FTRUNCATE, int, -1, ftruncate, (int fd, off_t length), (fd, length))
+
+int __real_select(int n, fd_set *readable, fd_set *writable, fd_set *except, timeval *timeout);
+int __wrap_select(int n, fd_set *readable, fd_set *writable, fd_set *except, timeval *timeout);
+int __wrap_select(int n, fd_set *readable, fd_set *writable, fd_set *except, timeval *timeout) {
+    if (fails(CALL_SELECT))
+        return -1;
+    int result = 0;
+    if (on_select && on_select(readable, writable, timeout, &result))
+        return result;
+    return __real_select(n, readable, writable, except, timeout);
+}
+
+int __real_getsockopt(int fd, int level, int option, void *value, socklen_t *length);
+int __wrap_getsockopt(int fd, int level, int option, void *value, socklen_t *length);
+int __wrap_getsockopt(int fd, int level, int option, void *value, socklen_t *length) {
+    if (fails(CALL_GETSOCKOPT))
+        return -1;
+    const int result = __real_getsockopt(fd, level, option, value, length);
+    if (result == 0 && level == SOL_SOCKET && option == SO_PEERCRED && peer_uid >= 0)
+        static_cast<ucred *>(value)->uid = static_cast<uid_t>(peer_uid);
+    return result;
+}
 
 pid_t __real_fork(void);
 pid_t __wrap_fork(void);

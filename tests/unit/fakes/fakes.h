@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <stdint.h>
+#include <sys/select.h>
 
 #include <functional>
 #include <map>
@@ -32,6 +33,7 @@ struct LogLine {
     std::string text;
 };
 extern std::vector<LogLine> log_lines;
+extern std::function<void(const LogLine &)> on_log; /**< runs at each line, before the call that logs it goes on */
 
 /** Level of the daemon's modules; 7 after reset, so that everything is recorded. */
 void set_log_level(int level);
@@ -156,13 +158,16 @@ extern std::string serial;
 /**
  * Makes a call of the daemon's fail with an errno value: after `skip` calls that pass, `times` calls fail.
  * Known: malloc calloc realloc fork execvp socket fcntl bind connect listen accept select read write sendto kill
- * rename.
+ * rename getsockopt setsockopt ftruncate.
  */
 void fail_call(const std::string &call, int error, int skip = 0, int times = 1);
 
 /** Answers a call in place of the C library; return false to let it pass. `result` is what the call returns. */
 extern std::function<bool(long *result)> on_fork;
 extern std::function<bool(int pid, int signal_number, int *result)> on_kill;
+extern std::function<bool(fd_set *readable, fd_set *writable, timeval *timeout, int *result)> on_select;
+
+extern long peer_uid; /**< what SO_PEERCRED gives as the user's id; negative after reset: the true one */
 
 /** Calls made since reset, by name. */
 int call_count(const std::string &call);

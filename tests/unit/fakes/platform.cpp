@@ -19,6 +19,7 @@ int _isdefaultLogLevel;
 namespace fake {
 
 std::vector<LogLine> log_lines;
+std::function<void(const LogLine &)> on_log;
 std::vector<korvaLevelChange> level_changes;
 std::vector<std::string> log_inits;
 int debug_enabled;
@@ -109,6 +110,7 @@ void reset() {
     reset_calls();
     reset_dal();
     log_lines.clear();
+    on_log = nullptr;
     level_changes.clear();
     log_inits.clear();
     debug_enabled = 0;
@@ -156,6 +158,8 @@ int korvaChangeLglvl(const korvaLevelChange *request) {
 
 void _korvaNewLogWithFltr(int module, int level, int filter, int message_id, const char *wrapper, const char *text) {
     fake::log_lines.push_back({module, level, filter, message_id, wrapper, text});
+    if (fake::on_log)
+        fake::on_log(fake::LogLine(fake::log_lines.back()));
 }
 
 int isDbgLvlEnabled(int component) {
