@@ -8,7 +8,9 @@
 
 #include "platform/dal.h"
 
+inline constexpr char kOapConfigPath[] = "/tmp/vyr_oap.conf";
 inline constexpr uint32_t kRedistVlanMax = 4096;
+inline constexpr uint32_t kOapDefaultDistance = 90; /**< writes no preference */
 
 /** The overlay settings. */
 struct OapCfg {
@@ -39,7 +41,7 @@ struct OapCfg {
 /** Zero at start. */
 extern OapCfg oapCfg_g;
 
-/* Texts are cut to their fields. */
+/* Texts are cut to their fields; NULL changes nothing. */
 void oapSetMac(const char *mac);
 void oapSetSerial(const char *serial);
 void oapSetSiteId(const char *site_id);
@@ -48,7 +50,11 @@ void oapSetKeepalive(uint32_t keepalive);
 void oapSetCbsReconnectTimeout(uint32_t timeout);
 uint8_t oapIsEnabled();
 
-/** Takes identity and settings from the device and the template. Returns 0, or -1 when a file cannot be opened. */
+/**
+ * Takes identity and settings from the device and from the template "/etc/bird/vyr_oap.conf", and writes a first
+ * overlay file: the template filled in while the overlay is on, else nothing. Returns 0, or -1 when a file cannot be
+ * opened; it has been logged.
+ */
 int oapReadIdentity();
 
 /** Sets the defaults and runs vyrwrap_oap_config_init, whose result it returns. */
@@ -65,13 +71,14 @@ int vyrwrap_oap_config_dal_init();
 
 void vyrwrap_vyr_cfg_subscribe_callback(dal_ctx *ctx, const dal_reply *reply, void *arg);
 
-/** Takes key and notification type out of a notification. Returns 0 or -1. */
+/** Takes key (cut to its buffer) and notification type out of a notification. Returns 0 or -1. */
 int extract_dal_published_vyr_config_key(const dal_reply *reply, char *key_out, size_t key_size, int *action_out);
 
 /** The byte behind the enable key, 0 when it is missing or unreadable. */
 uint8_t read_vyr_oap_enable_cfg_from_dal(const char *key);
 
-/** Rebuilds the redistributed-VLAN list from the key's value. Returns 0, or -1 with the list empty. */
+/** Rebuilds the redistributed-VLAN list from the key's value. Returns 0, or -1 with the list empty (as it was when the
+ * key is NULL). */
 int vyrwrap_update_redistvlan_oap_config_from_key(const char *key);
 
 /** Updates the list from the key behind the channel's first colon when `flag` is 1; always writes the file. */
