@@ -1,7 +1,6 @@
 #include "core/supervision.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -9,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/child_process.h"
 #include "core/global.h"
 #include "core/log.h"
 #include "vyrsock/control_client.h"
@@ -18,39 +18,13 @@ namespace {
 /** Exit status of the routing daemon that found no VLAN address in the kernel. */
 constexpr int kNoVlanAddress = 100;
 
-/**
- * Default dispositions and an empty mask, but SIGHUP ignored: a reload may come before the routing daemon has installed
- * its own handler, and must not kill it.
- */
-void reset_signals() {
-    for (int number = 1; number < NSIG; number++)
-        signal(number, number == SIGHUP ? SIG_IGN : SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-/** /dev/null on each of 0, 1 and 2 that would be closed behind exec. */
-void keep_stdio_open() {
-    for (int fd = 0; fd <= 2; fd++) {
-        const int flags = fcntl(fd, F_GETFD);
-        if (flags >= 0 && !(flags & FD_CLOEXEC))
-            continue;
-        const int null_fd = open("/dev/null", O_RDWR);
-        if (null_fd != fd && null_fd >= 0) {
-            dup2(null_fd, fd);
-            close(null_fd);
-        }
-    }
-}
-
 [[noreturn]] void run_vyr(pid_t parent) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent)  // it died before it could be watched
         _exit(0);
-    reset_signals();
-    keep_stdio_open();
+    // SIGHUP ignored: a reload may come before the routing daemon has its own handler, and must not kill it
+    prepare_child_process(SIGHUP);
     char program[] = "/korva/bin/vyr";
     char config_option[] = "-c";
     char config_path[] = "/tmp/vyr.conf";
