@@ -4,13 +4,18 @@
 #include <limits.h>
 #include <stdlib.h>
 
+#include <algorithm>
+
 int parse_int(const char *text) {
-    if (!text)
-        return 0;
+    const char *end;
+    return text ? parse_int(text, &end) : 0;
+}
+
+int parse_int(const char *text, const char **end) {
     const int saved_errno = errno;
-    const long number = strtol(text, nullptr, 10);
+    char *stop;
+    const long number = strtol(text, &stop, 10);
     errno = saved_errno;
-    if (number > INT_MAX)
-        return INT_MAX;
-    return number < INT_MIN ? INT_MIN : static_cast<int>(number);
+    *end = stop;
+    return static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
 }

@@ -8,3 +8,6 @@
  * there is no digit. A number beyond int, where atoi is undefined, is the nearest int. NULL is read as the empty text.
  */
 int parse_int(const char *text);
+
+/** The same for a text that goes on: `end` is where the number ends, `text` itself when there is no digit. Not NULL. */
+int parse_int(const char *text, const char **end);

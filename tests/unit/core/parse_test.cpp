@@ -34,4 +34,14 @@ TEST_F(ParseTest, LeavesErrnoAlone) {
     EXPECT_EQ(errno, EISDIR);
 }
 
+TEST_F(ParseTest, TellsWhereTheNumberEnds) {
+    const char *end = nullptr;
+    const char *text = " -12-x";
+    EXPECT_EQ(parse_int(text, &end), -12);
+    EXPECT_EQ(end, text + 4);
+    const char *no_number = " -x";
+    EXPECT_EQ(parse_int(no_number, &end), 0);
+    EXPECT_EQ(end, no_number);
+}
+
 }  // namespace
