@@ -1,9 +1,30 @@
 /* Address texts. */
 #include <arpa/inet.h>
-#include <stdio.h>
 #include <string.h>
 
 #include "platform/cmnutil.h"
+
+namespace {
+
+/** The value of a hexadecimal digit, -1 for any other character. */
+int hex_digit(char character) {
+    if (character >= '0' && character <= '9')
+        return character - '0';
+    const int letter = character | ('a' - 'A');
+    return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
+}
+
+/** Reads two digits and the character behind them. Returns what follows, NULL when they are not these. */
+const char *read_mac_byte(const char *text, char behind, uint8_t *byte) {
+    const int high = hex_digit(text[0]);
+    const int low = high < 0 ? -1 : hex_digit(text[1]);
+    if (low < 0 || text[2] != behind)
+        return nullptr;
+    *byte = static_cast<uint8_t>(high << 4 | low);
+    return text + 3;
+}
+
+}  // namespace
 
 uint32_t str_to_ip(const char *text) {
     in_addr address;
@@ -18,18 +39,16 @@ char *ip_to_str(uint32_t ip, char *text, size_t size) {
 }
 
 int str_to_mac(const char *text, uint8_t *mac) {
-    int end = 0;
-    unsigned parts[6];
-    if (text &&
-        sscanf(text, "%2x:%2x:%2x:%2x:%2x:%2x%n", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4], &parts[5],
-               &end) == 6 &&
-        text[end] == '\0') {
-        for (int i = 0; i < 6; i++)
-            mac[i] = static_cast<uint8_t>(parts[i]);
-        return 0;
+    constexpr int kSize = 6;
+    uint8_t bytes[kSize];
+    for (int i = 0; text && i < kSize; i++)
+        text = read_mac_byte(text, i < kSize - 1 ? ':' : '\0', &bytes[i]);
+    if (!text) {
+        memset(mac, 0, kSize);
+        return -1;
     }
-    memset(mac, 0, 6);
-    return -1;
+    memcpy(mac, bytes, kSize);
+    return 0;
 }
 
 char *korva_ip_to_str_hton(const void *address, char *text, size_t size) {
