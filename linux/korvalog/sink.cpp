@@ -20,6 +20,10 @@ namespace {
 constexpr char kFilePrefix[] = "file:";
 constexpr int kPatienceMs = 100;
 
+/** Of the sink's own lines, which do not come through the platform's log calls. */
+constexpr int kModule = 416;
+constexpr int kWarningId = 399838;
+
 struct Sink {
     bool is_open;
     bool to_syslog;
@@ -48,12 +52,11 @@ void use_descriptor(int fd) {
     sink.fd = fd;
 }
 
+/** Says so on stderr too: whoever asked for another place will not look into the system log first. */
 void refuse(const char *value, const char *reason) {
     use_syslog();
-    char text[256];
-    snprintf(text, sizeof text, "KORVA_LOG \"%.128s\" %s: logging to syslog", value, reason);
-    fprintf(stderr, "%s: %s\n", sink.program, text);
-    log_sink_write(PLATFORM_ERROR, kPlatformLogModule, kPlatformLogId, text);
+    fprintf(stderr, "%s: KORVA_LOG \"%s\" %s: logging to syslog\n", sink.program, value, reason);
+    platform_error("<LOG>: KORVA_LOG \"%s\" %s: logging to syslog", value, reason);
 }
 
 /** Not blocking, for a path that is a pipe: a line lost is better than a daemon that stands. */
@@ -102,8 +105,8 @@ bool write_line(int level, int module, int message_id, const char *text) {
 
 bool write_lost_count() {
     char text[64];
-    snprintf(text, sizeof text, "%u log messages were lost", sink.lost);
-    return write_line(PLATFORM_WARNING, kPlatformLogModule, kPlatformLogId, text);
+    snprintf(text, sizeof text, "<LOG>: %u messages were lost", sink.lost);
+    return write_line(LOG_WARNING, kModule, kWarningId, text);
 }
 
 void write_to_syslog(int level, int module, int message_id, const char *text) {
