@@ -12,6 +12,9 @@ inline constexpr int kTunnelNameMax = 200; /**< characters of a tunnel name take
 inline constexpr int kTunnelFieldCount = 13;
 inline constexpr size_t kTunnelFailedSize = 416; /**< bytes for the names of the fields that failed */
 
+/** vpninfo::tunnel_status of a tunnel that is up. */
+inline constexpr uint8_t kTunnelUp = 1;
+
 /** One tunnel. Allocated zeroed with calloc; owned by the tunnel table once inserted. */
 struct vpninfo {
     char tunnel_name[200];
@@ -26,7 +29,7 @@ struct vpninfo {
     uint32_t flags;
     uint16_t vlan_id;
     uint8_t link_priority;
-    uint8_t tunnel_status; /**< 1: up */
+    uint8_t tunnel_status; /**< kTunnelUp, or anything else */
 };
 
 /** Takes the name out of a key; `name_out` holds at least 201 bytes. Returns 0 or -1. */

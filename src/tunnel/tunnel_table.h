@@ -3,11 +3,21 @@
  */
 #pragma once
 
+#include "core/owned.h"
 #include "platform/dal.h"
 #include "tunnel/tunnel_record.h"
 
 /** Creates the table (vyrwrap_global.tunnel_table) if there is none yet. */
 void vyrwrap_ipsec_tunnel_info_init();
+
+/** The record under the name of a key; NULL when there is none. */
+vpninfo *vyrwrap_find_tunnel(const char *name);
+
+/** The first record, in the table's order, with that mapid; NULL when there is none. */
+vpninfo *vyrwrap_find_tunnel_by_mapid(uint32_t mapid);
+
+/** Puts a record under the name of its key, in place of any other. Returns it, or NULL (it is freed) without memory. */
+vpninfo *vyrwrap_insert_tunnel(const char *name, Owned<vpninfo> record);
 
 /** Subscribes to the tunnel keys. */
 void vyrwrap_tunnel_info_subscribe();
