@@ -1,7 +1,9 @@
 #include "core/notification.h"
 
+#include <stdio.h>
 #include <string.h>
 
+#include "core/global.h"
 #include "core/log.h"
 
 const char *notification_text(const dal_reply *reply, size_t element) {
@@ -27,6 +29,17 @@ bool notification_is_complete(const dal_reply *reply, const char *function) {
     log_error("<VYRWRAP>: %s: unexpected num of elements (%d), expected 4\n", function,
               static_cast<int>(reply->elements));
     return false;
+}
+
+int notification_subscribe(const char *pattern, dal_sub_callback callback, const SubscriptionLog &log) {
+    char command[1024];
+    snprintf(command, sizeof command, "%s %s", "PSUBSCRIBE", pattern);
+    const int result = dal_sub_command(vyrwrap_global.dal_ctx, callback, nullptr, command);
+    if (result != 0)
+        log_error("<VYRWRAP>:%s:%d Failed to subscribe dal for (%s)", log.function, log.failed_line, command);
+    else
+        log_info("<VYRWRAP>:%s:%d subscribed dal for (%s) done", log.function, log.done_line, command);
+    return result;
 }
 
 const char *text_behind(const char *text, const char *prefix) {

@@ -29,5 +29,15 @@ int notification_action(const dal_reply *reply);
 /** Whether the reply has four elements. If not, that is logged under the caller's name. */
 bool notification_is_complete(const dal_reply *reply, const char *function);
 
+/** What a subscription's result is logged with: the caller's name and the numbers of the two messages. */
+struct SubscriptionLog {
+    const char *function;
+    int failed_line;
+    int done_line;
+};
+
+/** Subscribes to one pattern and logs the result. Returns dal_sub_command's. */
+int notification_subscribe(const char *pattern, dal_sub_callback callback, const SubscriptionLog &log);
+
 /** What stands behind `prefix` in `text`; NULL when `text` is NULL or begins otherwise. */
 const char *text_behind(const char *text, const char *prefix);

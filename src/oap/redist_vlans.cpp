@@ -4,14 +4,13 @@
 #include "core/global.h"
 #include "core/log.h"
 #include "core/parse.h"
+#include "core/vlan_id.h"
 #include "oap/oap_config.h"
 
 namespace {
 
 constexpr size_t kValueMax = 20000;
 constexpr size_t kIdLengthMax = 11;
-constexpr int kVlanMin = 1;
-constexpr int kVlanMax = 4095;
 constexpr int kInvalidVlanLine = 179; /**< belongs to the message */
 
 void clear_list() {
@@ -22,7 +21,7 @@ void clear_list() {
 /** An id; the character at `end` is a separator, so that the number ends there. */
 bool read_vlan(const char *text, const char *end, int *vlan) {
     *vlan = parse_int(text);
-    return static_cast<size_t>(end - text) <= kIdLengthMax && *vlan >= kVlanMin && *vlan <= kVlanMax;
+    return static_cast<size_t>(end - text) <= kIdLengthMax && is_valid_vlan_id(*vlan);
 }
 
 /** Appends the ids behind `separator`, each up to the next colon or, behind the last colon, up to the next brace. */

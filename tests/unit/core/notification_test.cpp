@@ -44,6 +44,24 @@ TEST_F(NotificationTest, AnyNumberOfElementsButFourIsLoggedUnderTheCallersName) 
                                         "<VYRWRAP>: g: unexpected num of elements (5), expected 4\n"}));
 }
 
+void callback(dal_ctx *, const dal_reply *, void *) {}
+
+TEST_F(NotificationTest, ASubscriptionIsLoggedWithItsNumber) {
+    EXPECT_EQ(notification_subscribe("a*", callback, {"f", 10, 11}), 0);
+    EXPECT_EQ(fake::subscriptions.at("a*").callback, callback);
+    EXPECT_EQ(fake::subscriptions.at("a*").arg, nullptr);
+    ASSERT_EQ(fake::log_lines.size(), 1U);
+    EXPECT_EQ(fake::log_texts(6), std::vector<std::string>{"<VYRWRAP>:f:11 subscribed dal for (PSUBSCRIBE a*) done"});
+}
+
+TEST_F(NotificationTest, AFailedSubscriptionIsLoggedAndItsResultReturned) {
+    fake::failing_calls = {"dal_sub_command"};
+    EXPECT_EQ(notification_subscribe("a*", callback, {"f", 10, 11}), -1);
+    ASSERT_EQ(fake::log_lines.size(), 1U);
+    EXPECT_EQ(fake::log_texts(3),
+              std::vector<std::string>{"<VYRWRAP>:f:10 Failed to subscribe dal for (PSUBSCRIBE a*)"});
+}
+
 TEST_F(NotificationTest, FindsWhatStandsBehindAPrefix) {
     EXPECT_STREQ(text_behind("/op/x", "/op/"), "x");
     EXPECT_STREQ(text_behind("/op/", "/op/"), "");
