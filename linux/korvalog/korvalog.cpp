@@ -2,23 +2,26 @@
 #include "platform/korvalog.h"
 
 #include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "linux/hash.h"
 #include "linux/korvalog/repeats.h"
 #include "linux/korvalog/sink.h"
+#include "linux/platform_log.h"
 
 lgClient lgClientInfo;
 int _isdefaultLogLevel = 1;
 
 namespace {
 
-constexpr int kDaemonModule = 416;
+constexpr int kDaemonModule = kPlatformLogModule;
 constexpr int kEventModule = 448;
 constexpr int kDaemonComponent = 400;
 constexpr uint32_t kSetLevel = 1;
-constexpr int kMostDetail = 7;
+constexpr int kMostDetail = PLATFORM_DEBUG;
 
 /** The one facility: its name, and the modules whose level it is. */
 constexpr char kFacility[] = "network";
@@ -108,4 +111,18 @@ int syslog_level_str_to_id(const char *word) {
         if (word && strcmp(word, known.word) == 0)
             return known.level;
     return -1;
+}
+
+void platform_log(PlatformLogLevel level, const char *format, ...) {
+    const int saved_errno = errno;
+    const lgModuleLevel *row = find_row(kPlatformLogModule);
+    if (_isdefaultLogLevel || (row && row->level >= level)) {
+        char text[KORVA_LOG_BUFFER_SIZE];
+        va_list args;
+        va_start(args, format);
+        vsnprintf(text, sizeof text, format, args);
+        va_end(args);
+        _korvaNewLogWithFltr(kPlatformLogModule, level, 0, kPlatformLogId, "", text);
+    }
+    errno = saved_errno;
 }
