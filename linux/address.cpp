@@ -31,9 +31,23 @@ uint32_t str_to_ip(const char *text) {
     return text && inet_aton(text, &address) ? ntohl(address.s_addr) : 0;
 }
 
+// By hand: inet_ntop formats with sprintf, and one change to a full route table turns hundreds of addresses into text.
 char *ip_to_str(uint32_t ip, char *text, size_t size) {
-    const in_addr address = {htonl(ip)};
-    if (!inet_ntop(AF_INET, &address, text, static_cast<socklen_t>(size)) && size > 0)
+    char dotted[INET_ADDRSTRLEN];
+    char *end = dotted;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const uint32_t octet = (ip >> shift) & 0xff;
+        if (octet >= 100)
+            *end++ = static_cast<char>('0' + octet / 100);
+        if (octet >= 10)
+            *end++ = static_cast<char>('0' + octet / 10 % 10);
+        *end++ = static_cast<char>('0' + octet % 10);
+        *end++ = shift > 0 ? '.' : '\0';
+    }
+    const auto length = static_cast<size_t>(end - dotted);
+    if (length <= size)
+        memcpy(text, dotted, length);
+    else if (size > 0)
         text[0] = '\0';
     return text;
 }

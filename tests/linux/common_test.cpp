@@ -58,6 +58,15 @@ TEST(IpToStr, GivesBackWhatWasRead) {
     EXPECT_STREQ(ip_to_str(0, text, sizeof text), "0.0.0.0");
 }
 
+TEST(IpToStr, WritesEveryOctetAsTheCLibraryDoes) {
+    for (uint32_t octet = 0; octet < 256; octet++) {
+        const uint32_t ip = octet << 24 | (255 - octet) << 16 | octet << 8 | (octet ^ 0x55);
+        const in_addr address = {htonl(ip)};
+        char text[16];
+        EXPECT_STREQ(ip_to_str(ip, text, sizeof text), inet_ntoa(address));
+    }
+}
+
 TEST(IpToStr, LeavesNoTextThatIsCut) {
     char text[16] = "before";
     EXPECT_STREQ(ip_to_str(0xFFFFFFFF, text, 15), "");
