@@ -89,10 +89,19 @@ ConfigFile *config_file_open(const char *path) {
 }
 
 void config_file_put(ConfigFile *file, std::string_view text) {
-    if (!reserve(file, text.size()))
+    config_file_put(file, std::initializer_list<std::string_view>{text});
+}
+
+void config_file_put(ConfigFile *file, std::initializer_list<std::string_view> texts) {
+    size_t length = 0;
+    for (const std::string_view text : texts)
+        length += text.size();
+    if (!reserve(file, length))
         return;
-    memcpy(file->text + file->length, text.data(), text.size());
-    file->length += text.size();
+    for (const std::string_view text : texts) {
+        memcpy(file->text + file->length, text.data(), text.size());
+        file->length += text.size();
+    }
 }
 
 void config_file_put_number(ConfigFile *file, unsigned number) {

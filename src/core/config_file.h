@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include <initializer_list>
 #include <string_view>
 
 struct ConfigFile;
@@ -19,6 +20,7 @@ struct ConfigFile;
 
 /** Appends text. A failure is reported by the flush or close that follows. */
 void config_file_put(ConfigFile *file, std::string_view text);
+void config_file_put(ConfigFile *file, std::initializer_list<std::string_view> texts);
 void config_file_put_number(ConfigFile *file, unsigned number);
 void config_file_printf(ConfigFile *file, const char *format, ...) __attribute__((format(printf, 2, 3)));
 

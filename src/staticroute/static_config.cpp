@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <charconv>
 #include <span>
 #include <string_view>
 
@@ -12,10 +13,13 @@
 #include "core/timer.h"
 #include "platform/cmnutil.h"
 
+using namespace std::string_view_literals;
+
 namespace {
 
 constexpr char kPath[] = "/tmp/vyr_static.conf";
 constexpr char kWriter[] = "write_static_config";
+constexpr std::string_view kMissingName = "NULL";
 
 constexpr size_t kAddressSize = 16;
 constexpr size_t kNextHopSize = 199;
@@ -23,10 +27,11 @@ constexpr uint32_t kDefaultDistance = 50;
 
 /** What the file says about a route, apart from its next hops. */
 struct RouteText {
-    char dest[kAddressSize];
-    unsigned length; /**< of the prefix */
-    unsigned metric;
-    uint32_t distance;
+    std::string_view dest; /**< this and the next three lie in `own` */
+    std::string_view length;
+    std::string_view metric;
+    std::string_view preference; /**< empty: the file says nothing about it */
+    char own[4][kAddressSize];
 };
 
 /** A next hop as the file shows it. */
@@ -42,24 +47,6 @@ struct NextHopTexts {
     NextHopText hops[kMaxNextHops];
     size_t count;
 };
-
-void put_all(ConfigFile *) {}
-
-template <typename... Rest>
-void put_all(ConfigFile *file, unsigned number, Rest... rest);
-
-/** Appends texts and numbers, one behind the other. */
-template <typename... Rest>
-void put_all(ConfigFile *file, std::string_view text, Rest... rest) {
-    config_file_put(file, text);
-    put_all(file, rest...);
-}
-
-template <typename... Rest>
-void put_all(ConfigFile *file, unsigned number, Rest... rest) {
-    config_file_put_number(file, number);
-    put_all(file, rest...);
-}
 
 bool is_data_vpnc(const char *name) {
     unsigned mac[6];
@@ -93,18 +80,24 @@ bool is_quotable(const char *name) {
     return true;
 }
 
-std::string_view cluster_text(const char *name, const RouteText &route) {
+std::string_view cluster_text(const StaticRouteEntry *entry, int slot) {
+    const char *name = entry->cluster_name[slot];
     if (name && is_quotable(name))
         return name;
-    log_error("<VYRWRAP> %s: Cluster name not set for route %s/%u", kWriter, route.dest, route.length);
-    return "NULL";
+    char dest[kAddressSize];
+    log_error("<VYRWRAP> %s: Cluster name not set for route %s/%u", kWriter, ip_to_str(entry->dest, dest, sizeof dest),
+              static_cast<unsigned>(mask_to_prefixlen(entry->mask)));
+    return kMissingName;
 }
 
-std::string_view ipsec_text(const char *name, const RouteText &route) {
+std::string_view ipsec_text(const StaticRouteEntry *entry, int slot) {
+    const char *name = entry->map_name[slot];
     if (name && is_quotable(name))
         return name;
-    log_error("<VYRWRAP> %s: IPSEC name not set for route %s/%u", kWriter, route.dest, route.length);
-    return "NULL";
+    char dest[kAddressSize];
+    log_error("<VYRWRAP> %s: IPSEC name not set for route %s/%u", kWriter, ip_to_str(entry->dest, dest, sizeof dest),
+              static_cast<unsigned>(mask_to_prefixlen(entry->mask)));
+    return kMissingName;
 }
 
 std::string_view address_text(const StaticRouteEntry *entry, int slot, char (&text)[kNextHopSize]) {
@@ -124,30 +117,43 @@ std::string_view address_text(const StaticRouteEntry *entry, int slot, char (&te
     }
 }
 
-void describe_next_hop(const StaticRouteEntry *entry, int slot, const RouteText &route, NextHopText *hop) {
+void describe_next_hop(const StaticRouteEntry *entry, int slot, NextHopText *hop) {
     hop->flags = entry->flags[slot];
     hop->quoted = (hop->flags & (NEXT_HOP_CLUSTER | NEXT_HOP_IPSEC)) != 0;
     if (hop->flags & NEXT_HOP_CLUSTER)
-        hop->text = cluster_text(entry->cluster_name[slot], route);
+        hop->text = cluster_text(entry, slot);
     else if (hop->flags & NEXT_HOP_IPSEC)
-        hop->text = ipsec_text(entry->map_name[slot], route);
+        hop->text = ipsec_text(entry, slot);
     else
         hop->text = address_text(entry, slot, hop->own);
 }
 
-void select_next_hops(const StaticRouteEntry *entry, const RouteText &route, uint8_t filter_mode, NextHopTexts *out) {
-    const bool is_default = route.length == 0 || entry->dest == 0;
+void select_next_hops(const StaticRouteEntry *entry, uint8_t filter_mode, NextHopTexts *out) {
+    const bool is_default = mask_to_prefixlen(entry->mask) == 0 || entry->dest == 0;
     out->count = 0;
     for (int slot = 0; slot < kMaxNextHops; slot++)
         if (is_selected(entry, slot, is_default, filter_mode))
-            describe_next_hop(entry, slot, route, &out->hops[out->count++]);
+            describe_next_hop(entry, slot, &out->hops[out->count++]);
     if (out->count > 0)
         return;
     // a route that has just lost its last next hop: the routing daemon withdraws it
-    out->hops[0].text = "0.0.0.0";
+    out->hops[0].text = "0.0.0.0"sv;
     out->hops[0].quoted = false;
     out->hops[0].flags = 0;
     out->count = 1;
+}
+
+std::string_view number_text(unsigned number, char (&own)[kAddressSize]) {
+    const auto end = std::to_chars(own, own + sizeof own, number);
+    return {own, static_cast<size_t>(end.ptr - own)};
+}
+
+void describe_route(const StaticRouteEntry *entry, RouteText *route) {
+    route->dest = ip_to_str(entry->dest, route->own[0], sizeof route->own[0]);
+    route->length = number_text(static_cast<unsigned>(mask_to_prefixlen(entry->mask)), route->own[1]);
+    route->metric = number_text(entry->metric ? entry->metric : 1, route->own[2]);
+    if (entry->distance != kDefaultDistance)
+        route->preference = number_text(256U - entry->distance, route->own[3]);
 }
 
 bool is_drop(const NextHopTexts &next_hops) {
@@ -157,49 +163,46 @@ bool is_drop(const NextHopTexts &next_hops) {
 
 void put_next_hop(ConfigFile *file, const NextHopText &hop) {
     if (hop.quoted)
-        put_all(file, "via \"", hop.text, "\" ");
+        config_file_put(file, {"via \""sv, hop.text, "\" "sv});
     else
-        put_all(file, "via ", hop.text, " ");
+        config_file_put(file, {"via "sv, hop.text, " "sv});
 }
 
 /** The block behind the last next hop; its lines stand further in where there are several next hops. */
 void put_attributes(ConfigFile *file, const RouteText &route, std::string_view indent) {
-    put_all(file, "{\n", indent, "krt_metric = ", route.metric, ";\n");
-    if (route.distance != kDefaultDistance)
-        put_all(file, indent, "preference = ", 256U - route.distance, ";\n");
-    put_all(file, "  };\n");
+    config_file_put(file, {"{\n"sv, indent, "krt_metric = "sv, route.metric, ";\n"sv});
+    if (!route.preference.empty())
+        config_file_put(file, {indent, "preference = "sv, route.preference, ";\n"sv});
+    config_file_put(file, "  };\n"sv);
 }
 
 void put_route(ConfigFile *file, const RouteText &route, const NextHopTexts &next_hops) {
     if (is_drop(next_hops)) {
-        put_all(file, "  route ", route.dest, "/", route.length, " drop;\n");
+        config_file_put(file, {"  route "sv, route.dest, "/"sv, route.length, " drop;\n"sv});
         return;
     }
-    put_all(file, "  route ", route.dest, "/", route.length, " metric ", route.metric, " ");
+    config_file_put(file, {"  route "sv, route.dest, "/"sv, route.length, " metric "sv, route.metric, " "sv});
     put_next_hop(file, next_hops.hops[0]);
     for (size_t i = 1; i < next_hops.count; i++) {
-        put_all(file, "\n      ");
+        config_file_put(file, "\n      "sv);
         put_next_hop(file, next_hops.hops[i]);
     }
-    put_attributes(file, route, next_hops.count > 1 ? "        " : "    ");
+    put_attributes(file, route, next_hops.count > 1 ? "        "sv : "    "sv);
 }
 
 void put_table(ConfigFile *file, const StaticRouteTable *table) {
-    put_all(file, "protocol static {\n  ipv4;\n");
+    config_file_put(file, "protocol static {\n  ipv4;\n"sv);
     for (StaticRouteEntry &entry : std::span(table->entries, kMaxStaticRoutes)) {
         if (!entry.in_use)
             continue;
-        RouteText route;
-        ip_to_str(entry.dest, route.dest, sizeof route.dest);
-        route.length = static_cast<unsigned>(mask_to_prefixlen(entry.mask));
-        route.metric = entry.metric ? entry.metric : 1;
-        route.distance = entry.distance;
         mark_data_vpnc(&entry);
         NextHopTexts next_hops;
-        select_next_hops(&entry, route, table->filter_mode, &next_hops);
+        select_next_hops(&entry, table->filter_mode, &next_hops);
+        RouteText route;
+        describe_route(&entry, &route);
         put_route(file, route, next_hops);
     }
-    put_all(file, "}\n");
+    config_file_put(file, "}\n"sv);
 }
 
 }  // namespace

@@ -25,11 +25,12 @@ TEST_F(ConfigFileTest, ReplacesTheFileOnlyWhenItIsClosed) {
     ASSERT_NE(file, nullptr);
     config_file_put(file, "new ");
     config_file_put_number(file, 42);
+    config_file_put(file, {" and ", "", "more"});
     config_file_printf(file, " %s\n", "text");
     ASSERT_EQ(config_file_flush(file), 0);
     EXPECT_EQ(fake::read_file(kPath), "old\n");
     ASSERT_EQ(config_file_close(file), 0);
-    EXPECT_EQ(fake::read_file(kPath), "new 42 text\n");
+    EXPECT_EQ(fake::read_file(kPath), "new 42 and more text\n");
     EXPECT_EQ(fake::read_file(std::string(kPath) + ".new"), "(no file)");
 }
 

@@ -268,6 +268,7 @@ TEST_P(ModelTest, TheTableTheCountTheFileAndTheResultAreTheModels) {
     printf("seed %u, %d networks\n", seed, networks);
     random.seed(seed);
     int refused = 0;
+    int full = 0;
     for (int i = 0; i < 5000; i++) {
         SCOPED_TRACE("operation " + std::to_string(i));
         const StaticRouteCfg route = random_route(networks);
@@ -280,9 +281,12 @@ TEST_P(ModelTest, TheTableTheCountTheFileAndTheResultAreTheModels) {
         ASSERT_EQ(result, expected);
         ASSERT_EQ(report.error_present, result ? 0 : 1);
         refused += !result;
+        full += strncmp(report.text, "Error: No free slot", strlen("Error: No free slot")) == 0;
         fake::log_lines.clear();
         ASSERT_NO_FATAL_FAILURE(expect_equal());
     }
+    printf("%d refused, %d of them for want of room\n", refused, full);
+    EXPECT_EQ(full > 0, networks > 100);
     EXPECT_GT(refused, 100);
 }
 
