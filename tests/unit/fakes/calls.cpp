@@ -15,6 +15,7 @@ std::function<bool(long *)> on_fork;
 std::function<bool(int, int, int *)> on_kill;
 std::function<bool(fd_set *, fd_set *, timeval *, int *)> on_select;
 long peer_uid = -1;
+long effective_uid = -1;
 
 namespace {
 
@@ -98,6 +99,7 @@ void reset_calls() {
     on_kill = nullptr;
     on_select = nullptr;
     peer_uid = -1;
+    effective_uid = -1;
 }
 
 }  // namespace fake
@@ -143,6 +145,12 @@ int __wrap_select(int n, fd_set *readable, fd_set *writable, fd_set *except, tim
     if (on_select && on_select(readable, writable, timeout, &result))
         return result;
     return __real_select(n, readable, writable, except, timeout);
+}
+
+uid_t __real_geteuid(void);
+uid_t __wrap_geteuid(void);
+uid_t __wrap_geteuid(void) {
+    return effective_uid >= 0 ? static_cast<uid_t>(effective_uid) : __real_geteuid();
 }
 
 int __real_getsockopt(int fd, int level, int option, void *value, socklen_t *length);

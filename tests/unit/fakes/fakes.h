@@ -167,7 +167,8 @@ extern std::function<bool(long *result)> on_fork;
 extern std::function<bool(int pid, int signal_number, int *result)> on_kill;
 extern std::function<bool(fd_set *readable, fd_set *writable, timeval *timeout, int *result)> on_select;
 
-extern long peer_uid; /**< what SO_PEERCRED gives as the user's id; negative after reset: the true one */
+extern long peer_uid;      /**< what SO_PEERCRED gives as the user's id; negative after reset: the true one */
+extern long effective_uid; /**< what geteuid gives; likewise */
 
 /** Calls made since reset, by name. */
 int call_count(const std::string &call);
