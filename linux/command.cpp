@@ -45,7 +45,7 @@ pid_t start_shell(const char *command) {
     const pid_t pid = fork();
     if (pid != 0) {
         if (pid < 0)
-            platform_log(PLATFORM_ERROR, "COMMAND: cannot run \"%s\": %s", command, strerror(errno));
+            platform_error("<COMMAND>: cannot run \"%s\": %s", command, strerror(errno));
         return pid;
     }
     prepare_child_process(0);
@@ -132,12 +132,12 @@ void queue(const char *command) {
         return;
     char *copy = strdup(command);
     if (!copy) {
-        platform_log(PLATFORM_ERROR, "COMMAND: cannot run \"%s\": %s", command, strerror(errno));
+        platform_error("<COMMAND>: cannot run \"%s\": %s", command, strerror(errno));
         return;
     }
     if (waiting_count == kMaxWaiting) {
         // later commands make up for earlier ones, not the other way round
-        platform_log(PLATFORM_WARNING, "COMMAND: too many commands wait: \"%s\" is left out", waiting[0]);
+        platform_warning("<COMMAND>: too many commands wait: \"%s\" is left out", waiting[0]);
         free(waiting[0]);
         waiting_count--;
         memmove(waiting, waiting + 1, waiting_count * sizeof waiting[0]);

@@ -88,7 +88,7 @@ int get_mac_addr(uint8_t *mac, int size, void *, int) {
     if (named && str_to_mac(named, mac) == 0)
         return 0;
     if (named)
-        platform_log(PLATFORM_ERROR, "IDENTITY: KORVA_MAC \"%s\" is no MAC address", named);
+        platform_error("<IDENTITY>: KORVA_MAC \"%s\" is no MAC address", named);
     return read_interface_mac(mac);
 }
 
@@ -102,7 +102,7 @@ int get_ap_serial_num(char *text, int size) {
         return 0;
     }
     if (named)
-        platform_log(PLATFORM_ERROR, "IDENTITY: KORVA_SERIAL \"%s\" is no serial number", named);
+        platform_error("<IDENTITY>: KORVA_SERIAL \"%s\" is no serial number", named);
     char found[kMaxSerial + 2];  // one more than may be: a longer one is seen as such
     for (const char *path : kSerialFiles)
         if (read_serial(path, found, sizeof found)) {

@@ -48,16 +48,15 @@ void on_end_signal(evutil_socket_t fd, short, void *loop) {
     signalfd_siginfo signal_info;
     if (read(fd, &signal_info, sizeof signal_info) != sizeof signal_info)
         return;
-    platform_log(PLATFORM_INFO, "DISPATCHER: signal %u from process %u ends the loop", signal_info.ssi_signo,
-                 signal_info.ssi_pid);
+    platform_info("<DISPATCHER>: signal %u from process %u ends the loop", signal_info.ssi_signo, signal_info.ssi_pid);
     event_base_loopbreak(static_cast<Loop *>(loop)->base);
 }
 
 void on_libevent_message(int severity, const char *text) {
     if (severity >= EVENT_LOG_WARN)
-        platform_log(PLATFORM_WARNING, "DISPATCHER: libevent: %s", text);
+        platform_warning("<DISPATCHER>: libevent: %s", text);
     else
-        platform_log(PLATFORM_DEBUG, "DISPATCHER: libevent: %s", text);
+        platform_debug("<DISPATCHER>: libevent: %s", text);
 }
 
 event_base *make_base() {
@@ -121,7 +120,7 @@ Dispatcher *current_dispatcher() {
 
 Dispatcher *DispatcherCreate(void) {
     if (the_dispatcher.platform) {
-        platform_log(PLATFORM_ERROR, "DISPATCHER: there is one already");
+        platform_error("<DISPATCHER>: there is one already");
         return nullptr;
     }
     auto *loop = static_cast<Loop *>(calloc(1, sizeof(Loop)));
@@ -129,7 +128,7 @@ Dispatcher *DispatcherCreate(void) {
         return nullptr;
     event_set_log_callback(on_libevent_message);
     if (!fill(loop)) {
-        platform_log(PLATFORM_ERROR, "DISPATCHER: cannot make the loop: %s", strerror(errno));
+        platform_error("<DISPATCHER>: cannot make the loop: %s", strerror(errno));
         free_loop(loop);
         return nullptr;
     }
@@ -151,7 +150,7 @@ int DispProcess(Dispatcher *dispatcher, int) {
     if (!loop)
         return 0;
     if (event_base_loop(loop->base, EVLOOP_NO_EXIT_ON_EMPTY) < 0)
-        platform_log(PLATFORM_ERROR, "DISPATCHER: the loop has failed: %s", strerror(errno));
+        platform_error("<DISPATCHER>: the loop has failed: %s", strerror(errno));
     let_child_signal_through();
     return 0;
 }

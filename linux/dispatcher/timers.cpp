@@ -81,8 +81,7 @@ uint32_t DispAddTimerInternal(Dispatcher *dispatcher, uint32_t interval_ms, Disp
         return 0;
     *timer = {loop->timers, nullptr, loop, next_id(loop), periodic != 0, handler, user_data};
     if (!start(timer, interval_ms)) {
-        platform_log(PLATFORM_ERROR, "DISPATCHER: %s:%d: a timer of %u ms cannot be started", function, line,
-                     interval_ms);
+        platform_error("<DISPATCHER>: %s:%d: a timer of %u ms cannot be started", function, line, interval_ms);
         free_timer(timer);
         return 0;
     }

@@ -52,7 +52,7 @@ void use_descriptor(int fd) {
 void refuse(const char *value, const char *reason) {
     use_syslog();
     fprintf(stderr, "%s: KORVA_LOG \"%s\" %s: logging to syslog\n", sink.program, value, reason);
-    platform_log(PLATFORM_ERROR, "LOG: KORVA_LOG \"%s\" %s: logging to syslog", value, reason);
+    platform_error("<LOG>: KORVA_LOG \"%s\" %s: logging to syslog", value, reason);
 }
 
 /** Not blocking, for a path that is a pipe: a line lost is better than a daemon that stands. */
@@ -101,7 +101,7 @@ bool write_line(int level, int module, int message_id, const char *text) {
 
 bool write_lost_count() {
     char text[64];
-    snprintf(text, sizeof text, "LOG: %u messages were lost", sink.lost);
+    snprintf(text, sizeof text, "<LOG>: %u messages were lost", sink.lost);
     return write_line(PLATFORM_WARNING, kPlatformLogModule, kPlatformLogId, text);
 }
 

@@ -119,10 +119,10 @@ TEST_P(Commands, WaitInBoundedNumber) {
         execute_command(("echo " + std::to_string(i) + " >> /tmp/command.out").c_str());
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(log,
-              "4 416 0 COMMAND: too many commands wait: \"echo 0 >> /tmp/command.out\" is left out\n"
-              "4 416 0 COMMAND: too many commands wait: \"echo 1 >> /tmp/command.out\" is left out\n"
-              "4 416 0 COMMAND: too many commands wait: \"echo 2 >> /tmp/command.out\" is left out\n"
-              "4 416 0 COMMAND: too many commands wait: \"echo 3 >> /tmp/command.out\" is left out\n");
+              "4 416 0 <COMMAND>: too many commands wait: \"echo 0 >> /tmp/command.out\" is left out\n"
+              "4 416 0 <COMMAND>: too many commands wait: \"echo 1 >> /tmp/command.out\" is left out\n"
+              "4 416 0 <COMMAND>: too many commands wait: \"echo 2 >> /tmp/command.out\" is left out\n"
+              "4 416 0 <COMMAND>: too many commands wait: \"echo 3 >> /tmp/command.out\" is left out\n");
     std::ofstream("/tmp/go") << "";
     EXPECT_TRUE(run_until([] { return wrote(17); }));
     EXPECT_EQ(out()[1], "4");
@@ -189,8 +189,8 @@ TEST_P(Commands, AreLeftOutWithAMessageWhenTheyCannotBeStarted) {
     EXPECT_EQ(execute_command_status("echo lost >> /tmp/command.out"), -1);
     fork_fails = false;
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "3 416 0 COMMAND: cannot run \"echo lost >> /tmp/command.out\": Resource temporarily unavailable\n"
-              "3 416 0 COMMAND: cannot run \"echo lost >> /tmp/command.out\": Resource temporarily unavailable\n");
+              "3 416 0 <COMMAND>: cannot run \"echo lost >> /tmp/command.out\": Resource temporarily unavailable\n"
+              "3 416 0 <COMMAND>: cannot run \"echo lost >> /tmp/command.out\": Resource temporarily unavailable\n");
     execute_command("echo kept >> /tmp/command.out");
     EXPECT_TRUE(run_until([] { return wrote(1); }));
     EXPECT_EQ(out(), std::vector<std::string>{"kept"});

@@ -71,7 +71,7 @@ TEST_F(Identity, TakesTheEthernetInterfaceOfTheLowestIndex) {
         setenv("KORVA_MAC", malformed, 1);
         EXPECT_EQ(mac(), "02:00:00:00:00:01");
         const bool has_newline = strchr(malformed, '\n');
-        EXPECT_EQ(support::read_file(kLog), std::string("3 416 0 IDENTITY: KORVA_MAC \"") +
+        EXPECT_EQ(support::read_file(kLog), std::string("3 416 0 <IDENTITY>: KORVA_MAC \"") +
                                                 (has_newline ? "nonsense\\n" : malformed) + "\" is no MAC address\n");
     }
     setenv("KORVA_MAC", "", 1);  // as good as not set

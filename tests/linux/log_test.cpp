@@ -141,7 +141,7 @@ TEST(Escape, NeverCutsAnEscape) {
 TEST_F(Log, LeavesErrnoAlone) {
     errno = EXDEV;
     log_line(3, 1, "text");
-    platform_log(PLATFORM_ERROR, "text");
+    platform_error("text");
     EXPECT_EQ(errno, EXDEV);
 }
 
@@ -228,7 +228,7 @@ TEST(LogSink, DoesNotWaitForAPipeThatNobodyReadsAndCountsWhatIsLost) {
     count = read(reader, buffer, sizeof buffer);
     ASSERT_GT(count, 0);
     EXPECT_EQ(std::string(buffer, static_cast<size_t>(count)),
-              "4 416 0 LOG: " + std::to_string(2000 - complete) + " messages were lost\n3 416 9999 again\n");
+              "4 416 0 <LOG>: " + std::to_string(2000 - complete) + " messages were lost\n3 416 9999 again\n");
     close(reader);
     use("stderr");
 }
@@ -284,14 +284,14 @@ TEST(LogLevels, TellWhetherDebuggingIsOn) {
 TEST(LogLevels, HoldForThePlatformsOwnMessagesToo) {
     use("stderr");
     EXPECT_EQ(change_level(1, kModule, 4), 0);
-    EXPECT_EQ(stderr_of([] { platform_log(PLATFORM_WARNING, "shown %d", 1); }), "4 416 0 shown 1\n");
-    EXPECT_EQ(stderr_of([] { platform_log(PLATFORM_INFO, "hidden"); }), "");
+    EXPECT_EQ(stderr_of([] { platform_warning("shown %d", 1); }), "4 416 0 shown 1\n");
+    EXPECT_EQ(stderr_of([] { platform_info("hidden"); }), "");
 }
 
 TEST(LogLevels, LeaveTheSharedBufferToTheDaemon) {
     use("stderr");
     strcpy(lgClientInfo.buffer, "the daemon's");
-    EXPECT_EQ(stderr_of([] { platform_log(PLATFORM_ERROR, "the platform's"); }), "3 416 0 the platform's\n");
+    EXPECT_EQ(stderr_of([] { platform_error("the platform's"); }), "3 416 0 the platform's\n");
     EXPECT_STREQ(lgClientInfo.buffer, "the daemon's");
 }
 
