@@ -1,0 +1,160 @@
+#include "linux/dal/address.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "linux/platform_log.h"
+
+namespace dal {
+
+namespace {
+
+constexpr char kUnixScheme[] = "unix://";
+constexpr char kTcpScheme[] = "tcp://";
+constexpr char kDefaultSocket[] = "/run/redis/redis-server.sock";
+constexpr char kDefaultUnix[] = "unix:///run/redis/redis-server.sock";
+constexpr char kDefaultTcp[] = "tcp://127.0.0.1:6379";
+
+bool starts_with(const char *text, const char *start) {
+    return strncmp(text, start, strlen(start)) == 0;
+}
+
+/** Copies `length` bytes; a text that is empty or does not fit is refused. */
+bool copy_part(char *to, size_t size, const char *from, size_t length) {
+    if (length == 0 || length >= size)
+        return false;
+    memcpy(to, from, length);
+    to[length] = '\0';
+    return true;
+}
+
+bool parse_port(const char *text, Address *address) {
+    const size_t length = strlen(text);
+    if (strspn(text, "0123456789") != length || !copy_part(address->port, sizeof address->port, text, length))
+        return false;
+    const long port = strtol(text, nullptr, 10);
+    return port >= 1 && port <= 65535;
+}
+
+/** host:port, or [host]:port where the host has colons of its own */
+bool parse_host_and_port(const char *text, Address *address) {
+    const bool bracketed = text[0] == '[';
+    const char *host = bracketed ? text + 1 : text;
+    const char *end = strchr(host, bracketed ? ']' : ':');
+    if (!end || !copy_part(address->host, sizeof address->host, host, static_cast<size_t>(end - host)))
+        return false;
+    const char *colon = bracketed ? end + 1 : end;
+    return *colon == ':' && parse_port(colon + 1, address);
+}
+
+/** A descriptor's flags beyond those that socket() sets; 0 to 2 are left to the standard streams. */
+int prepare(int fd, int family) {
+    if (fd >= 0 && fd <= STDERR_FILENO) {
+        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(fd);
+        fd = moved;
+    }
+    const int on = 1;
+    if (fd >= 0 && family != AF_UNIX) {
+        // Without them a publication waits for the one before, and a peer that lost its power is never missed.
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    }
+    return fd;
+}
+
+int begin(int family, const sockaddr *where, socklen_t length) {
+    const int fd = prepare(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), family);
+    if (fd < 0)
+        return -1;
+    if (connect(fd, where, length) == 0 || errno == EINPROGRESS)
+        return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+}
+
+int connect_unix(const Address *address, const char **reason) {
+    sockaddr_un where{};
+    where.sun_family = AF_UNIX;
+    memcpy(where.sun_path, address->path, sizeof where.sun_path);
+    const int fd = begin(AF_UNIX, reinterpret_cast<const sockaddr *>(&where), sizeof where);
+    if (fd < 0)
+        *reason = strerror(errno);
+    return fd;
+}
+
+int connect_tcp(Address *address, const char **reason) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const int error = getaddrinfo(address->host, address->port, &hints, &found);
+    if (error != 0) {
+        *reason = gai_strerror(error);
+        return -1;
+    }
+    unsigned count = 0;
+    for (const addrinfo *each = found; each; each = each->ai_next)
+        count++;
+    const addrinfo *each = found;
+    for (unsigned skip = address->attempts++ % count; skip > 0; skip--)
+        each = each->ai_next;
+    int fd = -1;
+    for (unsigned tried = 0; fd < 0 && tried < count; tried++) {
+        fd = begin(each->ai_family, each->ai_addr, each->ai_addrlen);
+        each = each->ai_next ? each->ai_next : found;
+    }
+    if (fd < 0)
+        *reason = strerror(errno);
+    freeaddrinfo(found);
+    return fd;
+}
+
+}  // namespace
+
+bool address_parse(const char *text, Address *address) {
+    *address = {};
+    if (!copy_part(address->text, sizeof address->text, text, strlen(text)))
+        return false;
+    if (starts_with(text, kTcpScheme))
+        return parse_host_and_port(text + strlen(kTcpScheme), address);
+    if (!starts_with(text, kUnixScheme))
+        return false;
+    const char *path = text + strlen(kUnixScheme);
+    return path[0] == '/' && copy_part(address->path, sizeof address->path, path, strlen(path));
+}
+
+bool address_choose(const char *given, Address *address) {
+    const char *source = "given";
+    const char *text = given;
+    if (!text) {
+        source = "DAL_URL";
+        text = getenv("DAL_URL");
+    }
+    if (!text || text[0] == '\0') {
+        source = "default";
+        text = access(kDefaultSocket, F_OK) == 0 ? kDefaultUnix : kDefaultTcp;
+    }
+    if (!address_parse(text, address)) {
+        platform_error("<DAL>: the address '%s' (%s) is neither unix:///path nor tcp://host:port", text, source);
+        return false;
+    }
+    // At warning level, which is where the daemon's own level starts: the line is to be found in every log.
+    platform_warning("<DAL>: the server is %s (%s)", address->text, source);
+    return true;
+}
+
+int address_connect(Address *address, const char **reason) {
+    return address->host[0] ? connect_tcp(address, reason) : connect_unix(address, reason);
+}
+
+}  // namespace dal

@@ -1,0 +1,31 @@
+/*
+ * Where the DAL's server is: "unix:///path" or "tcp://host:port".
+ */
+#pragma once
+
+#include <sys/un.h>
+
+namespace dal {
+
+struct Address {
+    char text[300]; /**< as it was given, for messages */
+    char path[sizeof(sockaddr_un::sun_path)];
+    char host[256];    /**< empty when `path` is the address */
+    char port[6];      /**< decimal */
+    unsigned attempts; /**< connections begun: where the host has several addresses, each begins with another */
+};
+
+/** Reads an address text. Returns whether it is one; `address` is complete only then. */
+bool address_parse(const char *text, Address *address);
+
+/** Parses `given`, or when that is NULL DAL_URL, or without one the default. Logs which it is, or why it is none. */
+bool address_choose(const char *given, Address *address);
+
+/**
+ * Begins a connection without waiting for it: a close-on-exec, non-blocking descriptor above 2. Returns -1 on failure,
+ * with the reason in `*reason` (a text that lasts until the next call). A host name is looked up as the system does
+ * it, which waits for a name server; addresses and names of the hosts file are found at once.
+ */
+int address_connect(Address *address, const char **reason);
+
+}  // namespace dal

@@ -1,0 +1,66 @@
+/* The server's notify-keyspace-events: what is missing for the notifications that the daemon lives on is added. */
+#include <stdio.h>
+
+#include "linux/dal/context.h"
+#include "linux/platform_log.h"
+
+namespace dal {
+
+namespace {
+
+constexpr char kName[] = "notify-keyspace-events";
+
+/** K: by key; then the events of keys of any type, of strings, of hashes, of expiry and of eviction. */
+constexpr char kNeeded[] = "Kg$hxe";
+constexpr char kAllTypes = 'A'; /**< stands for all of kNeeded but K */
+
+bool has_flag(const char *flags, char flag) {
+    return strchr(flags, flag) || (flag != 'K' && strchr(flags, kAllTypes));
+}
+
+/** `flags` with what is missing behind it. Returns whether anything was. */
+bool complete(const char *flags, char *completed, size_t size) {
+    size_t length = static_cast<size_t>(snprintf(completed, size, "%s", flags));
+    const size_t before = length;
+    for (const char *flag = kNeeded; *flag; flag++)
+        if (!has_flag(flags, *flag) && length + 1 < size)
+            completed[length++] = *flag;
+    if (length < size)
+        completed[length] = '\0';
+    return length > before;
+}
+
+bool set_flags(Link *link, const char *flags) {
+    const Argument arguments[] = {argument("CONFIG"), argument("SET"), argument(kName), argument(flags)};
+    platform_info("<DAL>: setting %s to %s", kName, flags);
+    return link_send(link, Question::set_flags, nullptr, arguments);
+}
+
+void flags_read(Link *link, const redisReply *reply) {
+    if (reply->elements != 2 || reply->element[1]->type != REDIS_REPLY_STRING) {
+        platform_warning("<DAL>: the server does not know %s: no key's change may be told", kName);
+        return flags_finished(link);
+    }
+    char completed[64];
+    if (!complete(reply->element[1]->str, completed, sizeof completed))
+        flags_finished(link);
+    else if (!set_flags(link, completed))
+        context_lost(link->ctx, link->reason);
+}
+
+}  // namespace
+
+bool flags_ask(Link *link) {
+    const Argument arguments[] = {argument("CONFIG"), argument("GET"), argument(kName)};
+    return link_send(link, Question::read_flags, nullptr, arguments);
+}
+
+void flags_answered(Link *link, const redisReply *reply) {
+    if (reply->type == REDIS_REPLY_ARRAY)
+        return flags_read(link, reply);
+    if (reply->type == REDIS_REPLY_ERROR)
+        platform_warning("<DAL>: may not look after %s, which has to contain %s: %s", kName, kNeeded, reply->str);
+    flags_finished(link);
+}
+
+}  // namespace dal

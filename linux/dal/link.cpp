@@ -1,0 +1,243 @@
+#include "linux/dal/link.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "linux/dal/context.h"
+
+namespace dal {
+
+namespace {
+
+constexpr uint32_t kReading = 1; /**< the adapter's mask: reading is registered */
+constexpr uint32_t kWriting = 2;
+
+bool fail(Link *link, const char *reason) {
+    snprintf(link->reason, sizeof link->reason, "%s", reason);
+    return false;
+}
+
+/** Keeps why the library failed, which it says in errno or in a text. */
+bool library_failed(Link *link) {
+    const int error = errno;
+    const redisContext *context = link->context;
+    link->closed = context->err == REDIS_ERR_EOF ||
+                   (context->err == REDIS_ERR_IO && (error == EPIPE || error == ECONNRESET || error == ENOTCONN));
+    return fail(link, context->err == REDIS_ERR_IO ? strerror(error) : context->errstr);
+}
+
+void on_deadline(void *user_data) {
+    auto *link = static_cast<Link *>(user_data);
+    *link->conn.timer_slot = 0;
+    // The loop itself may have been busy for that long: what has arrived since counts.
+    const uint32_t before = link->heard;
+    if (!link_receive(link) || (link->context && link->heard == before && !fail(link, "no answer")))
+        link->on_failed(link);
+    else if (link->context && link->expected)
+        start_timer(link->ctx, link->conn.timer_slot, kAnswerMs, on_deadline, link);
+    context_settle(link->ctx);
+}
+
+void stop_deadline(Link *link) {
+    stop_timer(link->ctx, link->conn.timer_slot);
+}
+
+/** While answers are expected in the loop, the next one has kAnswerMs to come. */
+void renew_deadline(Link *link) {
+    if (!link->in_loop)
+        return;
+    stop_deadline(link);
+    if (link->expected)
+        start_timer(link->ctx, link->conn.timer_slot, kAnswerMs, on_deadline, link);
+}
+
+void on_readable(void *connection) {
+    auto *link = static_cast<Link *>(connection);
+    if (link->context && context_may_read(link) && !link_receive(link))
+        link->on_failed(link);
+    context_settle(link->ctx);
+}
+
+bool flush(Link *link) {
+    int done = 0;
+    if (redisBufferWrite(link->context, &done) != REDIS_OK)
+        return library_failed(link);
+    if (!link->in_loop)
+        return true;
+    const dal_evloop_ctx *evloop = link->ctx->evloop;
+    const bool registered = link->conn.mask & kWriting;
+    if (done && registered)
+        evloop->delete_write(&link->conn);
+    else if (!done && !registered)
+        evloop->add_write(&link->conn);
+    return done || (link->conn.mask & kWriting) || fail(link, "the loop does not watch it for writing");
+}
+
+void on_writable(void *connection) {
+    auto *link = static_cast<Link *>(connection);
+    if (link->context && !flush(link))
+        link->on_failed(link);
+    context_settle(link->ctx);
+}
+
+bool enter_loop(Link *link) {
+    const dal_evloop_ctx *evloop = link->ctx->evloop;
+    link->conn = {evloop->dispatcher, nullptr, link->context->fd, 0, 0, link, on_readable, on_writable};
+    if (evloop->attach(&link->conn) != 0)
+        return fail(link, "the loop does not take it");
+    link->in_loop = true;
+    evloop->add_read(&link->conn);
+    return (link->conn.mask & kReading) || fail(link, "the loop does not watch it for reading");
+}
+
+bool expect(Link *link, Question question, Pattern *pattern) {
+    auto *expected = static_cast<Expected *>(malloc(sizeof(Expected)));
+    if (!expected)
+        return fail(link, "memory is short");
+    *expected = {nullptr, question, pattern};
+    (link->last ? link->last->next : link->first) = expected;
+    link->last = expected;
+    link->expected++;
+    return true;
+}
+
+Expected take_expected(Link *link) {
+    Expected *taken = link->first;
+    const Expected copy = *taken;
+    link->first = taken->next;
+    if (!link->first)
+        link->last = nullptr;
+    link->expected--;
+    free(taken);
+    return copy;
+}
+
+/** One reply: a message, or the answer to the oldest command. */
+bool dispatch(Link *link, redisReply *reply) {
+    link->heard++;
+    if (link->on_message && link->on_message(link, reply))
+        return true;
+    if (!link->first)
+        return fail(link, reply->type == REDIS_REPLY_ERROR ? reply->str : "an answer to no question");
+    const Expected expected = take_expected(link);
+    renew_deadline(link);
+    link->on_answer(link, &expected, reply);
+    return true;
+}
+
+/** The part of a poll's time that is left, rounded to 0 when it is over. */
+int remaining(int64_t deadline) {
+    const int64_t left = deadline - now_ms();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+}  // namespace
+
+int64_t now_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+bool link_open(Link *link, bool in_loop) {
+    link->closed = false;
+    const char *reason = nullptr;
+    const int fd = address_connect(link->address, &reason);
+    if (fd < 0)
+        return fail(link, reason);
+    link->context = redisConnectFd(fd);
+    if (!link->context) {
+        close(fd);
+        return fail(link, "memory is short");
+    }
+    link->context->flags &= ~REDIS_BLOCK;
+    if (!in_loop || enter_loop(link))
+        return true;
+    link_close(link);
+    return false;
+}
+
+void link_leave_loop(Link *link) {
+    if (!link->in_loop)
+        return;
+    stop_deadline(link);
+    link->ctx->evloop->cleanup(&link->conn);
+    link->in_loop = false;
+    link->conn = {};
+}
+
+void link_close(Link *link) {
+    if (!link->context)
+        return;
+    link_leave_loop(link);
+    redisFree(link->context);
+    link->context = nullptr;
+    while (link->first)
+        take_expected(link);
+    if (link->answer)
+        freeReplyObject(link->answer);
+    link->answer = nullptr;
+}
+
+bool link_send(Link *link, Question question, Pattern *pattern, std::span<const Argument> arguments) {
+    const char *bytes[kMaxArguments];
+    size_t lengths[kMaxArguments];
+    for (size_t i = 0; i < arguments.size(); i++) {
+        bytes[i] = arguments[i].bytes;
+        lengths[i] = arguments[i].length;
+    }
+    if (!expect(link, question, pattern))
+        return false;
+    if (redisAppendCommandArgv(link->context, static_cast<int>(arguments.size()), bytes, lengths) != REDIS_OK)
+        return library_failed(link);
+    if (link->expected == 1)
+        renew_deadline(link);
+    return flush(link);
+}
+
+bool link_receive(Link *link) {
+    if (redisBufferRead(link->context) != REDIS_OK)
+        return library_failed(link);
+    while (link->context) {
+        void *reply = nullptr;
+        if (redisGetReplyFromReader(link->context, &reply) != REDIS_OK)
+            return library_failed(link);
+        if (!reply)
+            return true;
+        const bool taken = dispatch(link, static_cast<redisReply *>(reply));
+        if (reply != link->answer)
+            freeReplyObject(reply);
+        if (!taken)
+            return false;
+    }
+    return true;
+}
+
+bool link_wait(Link *link, int64_t deadline) {
+    while (link->context && link->expected) {
+        if (!flush(link))
+            return false;
+        const short events = link_unsent(link) ? POLLIN | POLLOUT : POLLIN;
+        pollfd waiting = {link->context->fd, events, 0};
+        const int ready = poll(&waiting, 1, remaining(deadline));
+        if (ready < 0 && errno != EINTR)
+            return fail(link, strerror(errno));
+        if (ready == 0)
+            return fail(link, "no answer");
+        if (ready > 0 && (waiting.revents & ~POLLOUT) && !link_receive(link))
+            return false;
+        if (now_ms() >= deadline && link->expected)
+            return fail(link, "no answer");
+    }
+    return link->context;
+}
+
+size_t link_unsent(const Link *link) {
+    return link->context ? sdslen(link->context->obuf) : 0;
+}
+
+}  // namespace dal
