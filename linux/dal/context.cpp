@@ -58,7 +58,7 @@ void stop_timer(dal_ctx *ctx, uint32_t *slot) {
 void context_lost(dal_ctx *ctx, const char *reason) {
     // The reason may stand in a link or a reply that goes away below.
     char kept[sizeof ctx->reason];
-    snprintf(kept, sizeof kept, "%s", reason);
+    snprintf(kept, sizeof kept, "%s", reason[0] ? reason : "no reason given");
     if (ctx->state == State::up)
         platform_error("<DAL>: lost the server %s: %s", ctx->async_address.text, kept);
     else if (strcmp(kept, ctx->reason) != 0)

@@ -1,0 +1,122 @@
+#include "linux/dal/address.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include "fixture.h"
+
+namespace {
+
+using dal::Address;
+using dal::address_parse;
+
+TEST(DalAddress, ReadsAUnixPath) {
+    Address address;
+    ASSERT_TRUE(address_parse("unix:///run/x.sock", &address));
+    EXPECT_STREQ(address.path, "/run/x.sock");
+    EXPECT_STREQ(address.host, "");
+}
+
+TEST(DalAddress, ReadsHostAndPort) {
+    Address address;
+    ASSERT_TRUE(address_parse("tcp://127.0.0.1:6379", &address));
+    EXPECT_STREQ(address.host, "127.0.0.1");
+    EXPECT_STREQ(address.port, "6379");
+    ASSERT_TRUE(address_parse("tcp://[::1]:1", &address));
+    EXPECT_STREQ(address.host, "::1");
+    EXPECT_STREQ(address.port, "1");
+}
+
+TEST(DalAddress, RefusesAnythingElse) {
+    Address address;
+    for (const char *text : {"",
+                             "x",
+                             "unix:",
+                             "unix://",
+                             "unix://relative",
+                             "tcp://",
+                             "tcp://host",
+                             "tcp://host:",
+                             "tcp://:1",
+                             "tcp://host:0",
+                             "tcp://host:65536",
+                             "tcp://host:6x",
+                             "tcp://host:-1",
+                             "tcp://host: 1",
+                             "tcp://host:1234567",
+                             "tcp://[::1]",
+                             "tcp://[::1",
+                             "tcp://[::1]1",
+                             "tcp://::1:1",
+                             "redis://host:1",
+                             "UNIX:///x",
+                             " unix:///x"})
+        EXPECT_FALSE(address_parse(text, &address)) << text;
+}
+
+TEST(DalAddress, APathThatDoesNotFitIsRefusedAndNotCut) {
+    Address address;
+    EXPECT_TRUE(address_parse(("unix:///" + std::string(106, 'x')).c_str(), &address));
+    EXPECT_FALSE(address_parse(("unix:///" + std::string(107, 'x')).c_str(), &address));
+    EXPECT_FALSE(address_parse(("tcp://" + std::string(256, 'h') + ":1").c_str(), &address));
+}
+
+class DalUrl : public DalTest {
+protected:
+    void SetUp() override { loop::reset(); }
+};
+
+TEST_F(DalUrl, IsUsedAndLogged) {
+    redis.start();
+    open();
+    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is unix:///tmp/redis.sock (DAL_URL)");
+    EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+}
+
+TEST_F(DalUrl, ThatIsNoneMakesNoContextAndLeaksNothing) {
+    open_at("http://x");
+    EXPECT_EQ(ctx, nullptr);
+    EXPECT_EQ(loop::log_lines.back(),
+              "3 <DAL>: the address 'http://x' (DAL_URL) is neither unix:///path nor tcp://host:port");
+}
+
+TEST_F(DalUrl, DefaultsToTcpWithoutTheSystemsSocket) {
+    open_at("");
+    ASSERT_NE(ctx, nullptr);
+    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is tcp://127.0.0.1:6379 (default)");
+}
+
+TEST_F(DalUrl, DefaultsToTheSystemsSocketWhereItExists) {
+    mkdir("/run/redis", 0755);
+    Redis system("/run/redis/redis-server.sock");
+    system.start();
+    open_at("");
+    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is unix:///run/redis/redis-server.sock (default)");
+    EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+    close();
+    system.kill();
+    unlink("/run/redis/redis-server.sock");
+}
+
+TEST_F(DalUrl, ReachesAServerOverTcp) {
+    redis.start({"--port", "7777", "--bind", "127.0.0.1"});
+    open_at("tcp://localhost:7777");
+    EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+    EXPECT_EQ(subscribe("p"), 0);
+    EXPECT_EQ(dal_async_pub(ctx, "p", 1, "d", 1), 0);
+    EXPECT_TRUE(run_until_delivered(1));
+    redis.kill();
+    ASSERT_TRUE(run_until_lost());
+    redis.start({"--port", "7777", "--bind", "127.0.0.1"});
+    EXPECT_TRUE(run_until_back());
+    EXPECT_EQ(losses, 1);
+}
+
+TEST_F(DalUrl, AnAddressGivenByTheCallerIsUsedInstead) {
+    redis.start();
+    setenv("DAL_URL", "unix:///nowhere", 1);
+    dal_ctx *given = dal_ctx_init(7, "unix:///tmp/redis.sock", "unix:///tmp/redis.sock", nullptr, nullptr, nullptr);
+    EXPECT_EQ(given, nullptr) << "without a loop there is no context";
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+#include "loop.h"
+
+#include <poll.h>
+#include <time.h>
+
+#include <map>
+
+#include "platform/korvalog.h"
+
+lgClient lgClientInfo;
+int _isdefaultLogLevel = 1;
+
+void _korvaNewLogWithFltr(int, int level, int, int, const char *, const char *text) {
+    loop::log_lines.push_back(std::to_string(level) + " " + text);
+}
+
+namespace loop {
+
+std::vector<uint32_t> timer_intervals;
+std::vector<std::string> log_lines;
+bool refuse_inputs;
+
+namespace {
+
+struct Input {
+    DispInputHandler handler;
+    void *user_data;
+};
+struct Timer {
+    int64_t due;
+    DispTimerHandler handler;
+    void *user_data;
+};
+
+Dispatcher the_dispatcher;
+std::map<std::pair<int, int>, Input> inputs;
+std::map<uint32_t, Timer> timers;
+uint32_t last_timer;
+int64_t skew;
+int running;
+
+int64_t real_now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+int64_t now() {
+    return real_now() + skew;
+}
+
+bool run_due_timers() {
+    std::vector<uint32_t> due;
+    for (const auto &[id, timer] : timers)
+        if (timer.due <= now())
+            due.push_back(id);
+    for (const uint32_t id : due) {
+        const auto found = timers.find(id);
+        if (found == timers.end())
+            continue;
+        const Timer timer = found->second;
+        timers.erase(found);
+        running++;
+        timer.handler(timer.user_data);
+        running--;
+    }
+    return !due.empty();
+}
+
+bool run_inputs(int wait_ms) {
+    std::vector<pollfd> waiting;
+    std::vector<std::pair<int, int>> keys;
+    for (const auto &[key, input] : inputs) {
+        waiting.push_back({key.first, static_cast<short>(key.second == DISP_READ ? POLLIN : POLLOUT), 0});
+        keys.push_back(key);
+    }
+    if (poll(waiting.data(), waiting.size(), wait_ms) <= 0)
+        return false;
+    for (size_t i = 0; i < keys.size(); i++) {
+        const auto found = inputs.find(keys[i]);
+        if (!waiting[i].revents || found == inputs.end())
+            continue;
+        const Input input = found->second;
+        running++;
+        input.handler(input.user_data);
+        running--;
+    }
+    return true;
+}
+
+}  // namespace
+
+Dispatcher *reset() {
+    inputs.clear();
+    timers.clear();
+    timer_intervals.clear();
+    log_lines.clear();
+    refuse_inputs = false;
+    skew = 0;
+    the_dispatcher = {};
+    return &the_dispatcher;
+}
+
+void advance(uint32_t ms) {
+    skew += ms;
+}
+
+bool run_until(const std::function<bool()> &condition, int limit_ms) {
+    const int64_t end = real_now() + limit_ms;
+    while (!condition()) {
+        if (real_now() > end)
+            return false;
+        if (!run_due_timers())
+            run_inputs(1);
+    }
+    return true;
+}
+
+void drain() {
+    while (run_due_timers() || run_inputs(0))
+        continue;
+}
+
+int depth() {
+    return running;
+}
+
+size_t input_count() {
+    return inputs.size();
+}
+
+size_t timer_count() {
+    return timers.size();
+}
+
+bool logged(const std::string &part) {
+    return log_count(part) > 0;
+}
+
+size_t log_count(const std::string &part) {
+    size_t count = 0;
+    for (const std::string &line : log_lines)
+        count += line.find(part) != std::string::npos;
+    return count;
+}
+
+}  // namespace loop
+
+int DispAddInput(Dispatcher *, int fd, int type, DispInputHandler handler, void *user_data) {
+    if (fd < 0 || loop::refuse_inputs)
+        return -1;
+    loop::inputs[{fd, type}] = {handler, user_data};
+    return 0;
+}
+
+int DispRemoveInput(Dispatcher *, int fd, int type) {
+    loop::inputs.erase({fd, type});
+    return 0;
+}
+
+uint32_t DispAddTimerInternal(Dispatcher *, uint32_t interval_ms, DispTimerHandler handler, void *user_data, int, int,
+                              const char *, int) {
+    loop::timers[++loop::last_timer] = {loop::now() + interval_ms, handler, user_data};
+    loop::timer_intervals.push_back(interval_ms);
+    return loop::last_timer;
+}
+
+int DispRemoveTimerInternal(Dispatcher *, uint32_t timer, const char *, int) {
+    loop::timers.erase(timer);
+    return 0;
+}
