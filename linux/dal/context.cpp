@@ -1,6 +1,5 @@
 #include "linux/dal/context.h"
 
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -9,13 +8,6 @@
 namespace dal {
 
 namespace {
-
-/** A peer that went away is an error of write(), not the end of the process. */
-void ignore_broken_pipes() {
-    struct sigaction action {};
-    if (sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL)
-        signal(SIGPIPE, SIG_IGN);
-}
 
 /** The attempt at the start is waited for, so that the first calls find the server. */
 void connect_at_start(dal_ctx *ctx) {
@@ -35,7 +27,7 @@ void came_up(dal_ctx *ctx) {
     ctx->state = State::up;
     ctx->reason[0] = '\0';
     ctx->delay_ms = 0;
-    platform_warning("<DAL>: the server %s answers again", ctx->async_address.text);
+    platform_log(PLATFORM_WARNING, "DAL: the server %s answers again", ctx->async_address.text);
 }
 
 }  // namespace
@@ -45,8 +37,6 @@ void start_timer(dal_ctx *ctx, uint32_t *slot, uint32_t interval_ms, DispTimerHa
     if (*slot || dispatcher->shutting_down)
         return;
     *slot = DispAddTimerInternal(dispatcher, interval_ms, handler, user_data, 0, 0, __func__, __LINE__);
-    if (!*slot)
-        platform_error("<DAL>: cannot start a timer");
 }
 
 void stop_timer(dal_ctx *ctx, uint32_t *slot) {
@@ -60,14 +50,15 @@ void context_lost(dal_ctx *ctx, const char *reason) {
     char kept[sizeof ctx->reason];
     snprintf(kept, sizeof kept, "%s", reason[0] ? reason : "no reason given");
     if (ctx->state == State::up)
-        platform_error("<DAL>: lost the server %s: %s", ctx->async_address.text, kept);
+        platform_log(PLATFORM_ERROR, "DAL: lost the server %s: %s", ctx->async_address.text, kept);
     else if (strcmp(kept, ctx->reason) != 0)
-        platform_error("<DAL>: cannot reach the server %s: %s; trying again", ctx->async_address.text, kept);
+        platform_log(PLATFORM_ERROR, "DAL: cannot reach the server %s: %s; trying again", ctx->async_address.text,
+                     kept);
     memcpy(ctx->reason, kept, sizeof kept);
     ctx->state = State::lost;
     ctx->report = true;
     if (ctx->publisher.expected)
-        platform_warning("<DAL>: %u publications were not confirmed", ctx->publisher.expected);
+        platform_log(PLATFORM_WARNING, "DAL: %u publications were not confirmed", ctx->publisher.expected);
     for (Link *link : {&ctx->reader, &ctx->subscriber, &ctx->publisher})
         link_close(link);
     stop_timer(ctx, &ctx->refused_timer);
@@ -138,7 +129,6 @@ dal_ctx *dal_ctx_init(uint32_t connections, const char *sync_address, const char
         context_free(ctx);
         return nullptr;
     }
-    ignore_broken_pipes();
     attempt_prepare_links(ctx);
     publisher_prepare(ctx);
     connect_at_start(ctx);

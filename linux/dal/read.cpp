@@ -19,6 +19,12 @@ bool is_loading(const redisReply *reply) {
     return reply->type == REDIS_REPLY_ERROR && strncmp(reply->str, kLoading, strlen(kLoading)) == 0;
 }
 
+void log_refusal(std::span<const Argument> arguments, const char *reason) {
+    const Argument object = arguments.size() > 1 ? arguments[1] : argument("");
+    platform_log(PLATFORM_WARNING, "DAL: %s %.*s: %s", arguments[0].bytes, static_cast<int>(object.length),
+                 object.bytes, reason);
+}
+
 int copy_out(redisReply *reply, void *value, uint32_t *value_len) {
     if (!reply)
         return -1;
@@ -76,8 +82,7 @@ redisReply *ask_for(dal_ctx *ctx, int type, std::span<const Argument> arguments)
     if (!reply || reply->type == type)
         return reply;
     if (reply->type == REDIS_REPLY_ERROR)
-        platform_warning("<DAL>: %s %s: %s", arguments[0].bytes, arguments.size() > 1 ? arguments[1].bytes : "",
-                         reply->str);
+        log_refusal(arguments, reply->str);
     freeReplyObject(reply);
     return nullptr;
 }

@@ -69,7 +69,7 @@ protected:
 TEST_F(DalUrl, IsUsedAndLogged) {
     redis.start();
     open();
-    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is unix:///tmp/redis.sock (DAL_URL)");
+    EXPECT_EQ(loop::log_lines.front(), "4 DAL: the server is unix:///tmp/redis.sock (DAL_URL)");
     EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
 }
 
@@ -77,13 +77,13 @@ TEST_F(DalUrl, ThatIsNoneMakesNoContextAndLeaksNothing) {
     open_at("http://x");
     EXPECT_EQ(ctx, nullptr);
     EXPECT_EQ(loop::log_lines.back(),
-              "3 <DAL>: the address 'http://x' (DAL_URL) is neither unix:///path nor tcp://host:port");
+              "3 DAL: the address 'http://x' (DAL_URL) is neither unix:///path nor tcp://host:port");
 }
 
 TEST_F(DalUrl, DefaultsToTcpWithoutTheSystemsSocket) {
     open_at("");
     ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is tcp://127.0.0.1:6379 (default)");
+    EXPECT_EQ(loop::log_lines.front(), "4 DAL: the server is tcp://127.0.0.1:6379 (default)");
 }
 
 TEST_F(DalUrl, DefaultsToTheSystemsSocketWhereItExists) {
@@ -91,7 +91,7 @@ TEST_F(DalUrl, DefaultsToTheSystemsSocketWhereItExists) {
     Redis system("/run/redis/redis-server.sock");
     system.start();
     open_at("");
-    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is unix:///run/redis/redis-server.sock (default)");
+    EXPECT_EQ(loop::log_lines.front(), "4 DAL: the server is unix:///run/redis/redis-server.sock (default)");
     EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
     close();
     system.kill();

@@ -1,6 +1,7 @@
 #include "fixture.h"
 
 #include <dirent.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include "core/dal_adapter.h"
@@ -74,6 +75,7 @@ DalTest::DalTest() {
     delivered.clear();
     losses = 0;
     in_callback = false;
+    signal(SIGPIPE, SIG_IGN);  // as the program does before anything else
 }
 
 void DalTest::SetUp() {

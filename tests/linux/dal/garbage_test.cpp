@@ -77,7 +77,7 @@ TEST_F(DalGarbage, InsteadOfAPongIsAServerNotReached) {
         const Script script({answer});
         open_at(std::string("unix://") + Script::kPath);
         ASSERT_NE(ctx, nullptr);
-        EXPECT_TRUE(loop::logged("3 <DAL>: cannot reach the server")) << answer;
+        EXPECT_TRUE(loop::logged("3 DAL: cannot reach the server")) << answer;
         EXPECT_EQ(get("k"), "(failed)");
         close();
     }
@@ -95,7 +95,7 @@ TEST_F(DalGarbage, AFlagsAnswerOfTheWrongShapeIsLoggedAndTheServerUsed) {
     for (const char *answer : {"*0\r\n", "*2\r\n:1\r\n:2\r\n", "*1\r\n$1\r\nx\r\n"}) {
         const Script script({kPong, answer});
         open_at(std::string("unix://") + Script::kPath);
-        EXPECT_TRUE(loop::logged("4 <DAL>: the server does not know notify-keyspace-events")) << answer;
+        EXPECT_TRUE(loop::logged("4 DAL: the server does not know notify-keyspace-events")) << answer;
         close();
     }
 }

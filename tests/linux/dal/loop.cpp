@@ -1,16 +1,20 @@
 #include "loop.h"
 
 #include <poll.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <time.h>
 
 #include <map>
 
-#include "platform/korvalog.h"
+#include "linux/platform_log.h"
 
-lgClient lgClientInfo;
-int _isdefaultLogLevel = 1;
-
-void _korvaNewLogWithFltr(int, int level, int, int, const char *, const char *text) {
+void platform_log(PlatformLogLevel level, const char *format, ...) {
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
     loop::log_lines.push_back(std::to_string(level) + " " + text);
 }
 
