@@ -97,26 +97,17 @@ int vyrwrap_cluster_info_subscribe() {
 int extract_cluster_name_from_dal_notif(const dal_reply *reply, char *name_out, int *action_out) {
     if (!reply || !name_out || !action_out)
         return -1;
-    if (!notification_is_complete(reply, __func__) || reply->type != DAL_REPLY_ARRAY)
-        return -1;
-    const char *channel = notification_text(reply, NOTIFICATION_CHANNEL);
-    const char *name = text_behind(channel, kChannelPrefix);
+    const char *name = notification_hash_name(reply, kChannelPrefix, __func__, action_out);
     if (!name)
         return -1;
-    const int action = notification_action(reply);
-    if (action != DAL_NOTIFY_DEL && action != DAL_NOTIFY_HSET && action != DAL_NOTIFY_HDEL) {
-        log_error("<VYRWRAP>: %s: Unexpected notify_action (%d)", __func__, action);
-        return -1;
-    }
-    *action_out = action;
     const size_t length = strlen(name);
     if (length < 1 || length > kClusterNameMax) {
         log_error("<VYRWRAP>:%s:cluster-name (%s) has wrong len(%d)", __func__, name, static_cast<int>(length));
         return -1;
     }
-    memcpy(name_out, name, length);
-    log_info("<VYRWRAP>:%s: Notified cluster key:(%s),%s, len:%d, action:%d", __func__, channel, name,
-             static_cast<int>(length), action);
+    memcpy(name_out, name, length + 1);
+    log_info("<VYRWRAP>:%s: Notified cluster key:(%s),%s, len:%d, action:%d", __func__,
+             notification_text(reply, NOTIFICATION_CHANNEL), name, static_cast<int>(length), *action_out);
     return 0;
 }
 

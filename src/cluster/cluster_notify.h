@@ -22,7 +22,7 @@ int vyrwrap_cluster_info_subscribe();
 
 void vyrwrap_cluster_info_subs_callback(dal_ctx *ctx, const dal_reply *reply, void *arg);
 
-/** Takes name and notification type out of a notification; `name_out` holds 33 zeroed bytes. Returns 0 or -1. */
+/** Takes name and notification type out of a notification; `name_out` holds 33 bytes. Returns 0 or -1. */
 int extract_cluster_name_from_dal_notif(const dal_reply *reply, char *name_out, int *action_out);
 
 /**

@@ -81,7 +81,7 @@ int extract_cluster_name_from_cluster_key(const char *key, char *name_out) {
                   static_cast<int>(kClusterNameMax));
         return -1;
     }
-    memcpy(name_out, name, length);
+    memcpy(name_out, name, length + 1);
     return 0;
 }
 

@@ -53,7 +53,7 @@ inline bool is_valid_node_count(int count) {
     return count >= 1 && count <= kClusterNodeMax;
 }
 
-/** Takes the name out of a key; `name_out` holds 33 zeroed bytes. Returns 0 or -1. */
+/** Takes the name out of a key; `name_out` holds 33 bytes. Returns 0 or -1. */
 int extract_cluster_name_from_cluster_key(const char *key, char *name_out);
 
 /** Fills a zeroed record from the DAL hash of the cluster `name`. Returns 0 when every field was read, else -1. */

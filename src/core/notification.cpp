@@ -31,6 +31,22 @@ bool notification_is_complete(const dal_reply *reply, const char *function) {
     return false;
 }
 
+const char *notification_hash_name(const dal_reply *reply, const char *channel_prefix, const char *function,
+                                   int *action_out) {
+    if (!notification_is_complete(reply, function) || reply->type != DAL_REPLY_ARRAY)
+        return nullptr;
+    const char *name = text_behind(notification_text(reply, NOTIFICATION_CHANNEL), channel_prefix);
+    if (!name)
+        return nullptr;
+    const int action = notification_action(reply);
+    if (action != DAL_NOTIFY_DEL && action != DAL_NOTIFY_HSET && action != DAL_NOTIFY_HDEL) {
+        log_error("<VYRWRAP>: %s: Unexpected notify_action (%d)", function, action);
+        return nullptr;
+    }
+    *action_out = action;
+    return name;
+}
+
 int notification_subscribe(const char *pattern, dal_sub_callback callback, const SubscriptionLog &log) {
     char command[1024];
     snprintf(command, sizeof command, "%s %s", "PSUBSCRIBE", pattern);

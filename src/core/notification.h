@@ -29,6 +29,15 @@ int notification_action(const dal_reply *reply);
 /** Whether the reply has four elements. If not, that is logged under the caller's name. */
 bool notification_is_complete(const dal_reply *reply, const char *function);
 
+/**
+ * Takes the name behind `channel_prefix` and the event del, hset or hdel out of a notification on a hash's key. Any
+ * other event, or number of elements, is logged under the caller's name; what is else no such notification is not.
+ *
+ * @return the name, or NULL with *action_out as it was
+ */
+const char *notification_hash_name(const dal_reply *reply, const char *channel_prefix, const char *function,
+                                   int *action_out);
+
 /** What a subscription's result is logged with: the caller's name and the numbers of the two messages. */
 struct SubscriptionLog {
     const char *function;

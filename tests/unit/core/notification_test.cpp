@@ -44,6 +44,38 @@ TEST_F(NotificationTest, AnyNumberOfElementsButFourIsLoggedUnderTheCallersName) 
                                         "<VYRWRAP>: g: unexpected num of elements (5), expected 4\n"}));
 }
 
+const char *hash_name(const std::vector<std::string> &elements, int *action, int type = DAL_REPLY_ARRAY) {
+    static std::string name;
+    const fake::Reply reply(elements, type);
+    const char *found = notification_hash_name(reply.get(), "c:/h/", "f", action);
+    name = found ? found : "";
+    return found ? name.c_str() : nullptr;
+}
+
+TEST_F(NotificationTest, GivesTheNameOfAHashThatChanged) {
+    int action = -7;
+    EXPECT_STREQ(hash_name({"pmessage", "p", "c:/h/name", "del"}, &action), "name");
+    EXPECT_EQ(action, DAL_NOTIFY_DEL);
+    EXPECT_STREQ(hash_name({"pmessage", "p", "c:/h/name", "hset"}, &action), "name");
+    EXPECT_EQ(action, DAL_NOTIFY_HSET);
+    EXPECT_STREQ(hash_name({"pmessage", "p", "c:/h/", "hdel"}, &action), "");
+    EXPECT_EQ(action, DAL_NOTIFY_HDEL);
+    EXPECT_TRUE(fake::log_lines.empty());
+}
+
+TEST_F(NotificationTest, GivesNoNameWhereNoHashChanged) {
+    int action = -7;
+    EXPECT_EQ(hash_name({"pmessage", "p", "c:/h/name", "hset"}, &action, DAL_REPLY_STATUS), nullptr);
+    EXPECT_EQ(hash_name({"pmessage", "p", "c:/x/name", "hset"}, &action), nullptr);
+    EXPECT_TRUE(fake::log_lines.empty());
+    EXPECT_EQ(hash_name({"pmessage", "p", "c:/h/name"}, &action), nullptr);
+    EXPECT_EQ(hash_name({"pmessage", "p", "c:/h/name", "expire"}, &action), nullptr);
+    EXPECT_EQ(fake::log_texts(3),
+              (std::vector<std::string>{"<VYRWRAP>: f: unexpected num of elements (3), expected 4\n",
+                                        "<VYRWRAP>: f: Unexpected notify_action (4)"}));
+    EXPECT_EQ(action, -7);
+}
+
 void callback(dal_ctx *, const dal_reply *, void *) {}
 
 TEST_F(NotificationTest, ASubscriptionIsLoggedWithItsNumber) {

@@ -66,6 +66,16 @@ bool RoutingApp::send(const std::string &datagram) {
                     sizeof address) == static_cast<ssize_t>(datagram.size());
 }
 
+void RoutingAppTest::SetUp() {
+    Test::SetUp();
+    vyrwrap_global.app_sock_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+}
+
+void RoutingAppTest::TearDown() {
+    close(vyrwrap_global.app_sock_fd);
+    Test::TearDown();
+}
+
 uint32_t word_at(const std::string &bytes, size_t offset) {
     return number_at<uint32_t>(bytes, offset);
 }

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "fakes/fakes.h"
+
 namespace fake {
 
 inline constexpr char kLinkPath[] = "/tmp/.sock/RoutingProtocols_VYRWRAP.sock";
@@ -32,6 +34,18 @@ public:
 
 private:
     int fd_;
+};
+
+/**
+ * A fixture with a routing application, and a socket of the daemon's whose sends wait for the reader: no test depends
+ * on how many datagrams the system queues.
+ */
+class RoutingAppTest : public Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    RoutingApp app_;
 };
 
 /** Number in `bytes` at `offset`, in the machine's byte order; a failure of the test where it does not fit. */

@@ -194,6 +194,14 @@ TEST_F(DalConfigTest, AnotherKeyIsIgnored) {
     EXPECT_EQ(file(), "(no file)");
 }
 
+TEST_F(DalConfigTest, ALongKeyIsCutTo191Characters) {
+    const std::string key = "/config/vyr/oap/" + std::string(300, 'k');
+    const fake::Reply reply({"pmessage", kPattern, "__keyspace@0__:" + key, "set"});
+    vyrwrap_vyr_cfg_subscribe_callback(fake::context(), reply.get(), nullptr);
+    EXPECT_EQ(fake::log_texts(3).front(),
+              "<VYRWRAP>: vyrwrap_vyr_cfg_subscribe_callback: DAL published key: " + key.substr(0, 191) + ",");
+}
+
 TEST_F(DalConfigTest, ANullReplyIsIgnored) {
     vyrwrap_vyr_cfg_subscribe_callback(fake::context(), nullptr, nullptr);
     EXPECT_TRUE(fake::log_lines.empty());

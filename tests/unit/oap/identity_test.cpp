@@ -163,6 +163,8 @@ TEST_F(IdentityTest, LongLinesAreTakenInPiecesOf255Characters) {
     EXPECT_EQ(oapCfg_g.keepalive, 0U);
     filled_in(std::string(246, 'a') + "keepalive 57;\n");
     EXPECT_EQ(oapCfg_g.keepalive, 0U);
+    filled_in(std::string(244, 'a') + "keepalive 57;\n");
+    EXPECT_EQ(oapCfg_g.keepalive, 5U);
     filled_in(std::string(255, 'a') + "keepalive 58;\n");
     EXPECT_EQ(oapCfg_g.keepalive, 58U);
 }
