@@ -145,12 +145,11 @@ bool address_choose(const char *given, Address *address) {
         text = access(kDefaultSocket, F_OK) == 0 ? kDefaultUnix : kDefaultTcp;
     }
     if (!address_parse(text, address)) {
-        platform_log(PLATFORM_ERROR, "DAL: the address '%s' (%s) is neither unix:///path nor tcp://host:port", text,
-                     source);
+        platform_error("<DAL>: the address '%s' (%s) is neither unix:///path nor tcp://host:port", text, source);
         return false;
     }
     // At warning level, which is where the daemon's own level starts: the line is to be found in every log.
-    platform_log(PLATFORM_WARNING, "DAL: the server is %s (%s)", address->text, source);
+    platform_warning("<DAL>: the server is %s (%s)", address->text, source);
     return true;
 }
 

@@ -27,7 +27,7 @@ void came_up(dal_ctx *ctx) {
     ctx->state = State::up;
     ctx->reason[0] = '\0';
     ctx->delay_ms = 0;
-    platform_log(PLATFORM_WARNING, "DAL: the server %s answers again", ctx->async_address.text);
+    platform_warning("<DAL>: the server %s answers again", ctx->async_address.text);
 }
 
 }  // namespace
@@ -50,15 +50,14 @@ void context_lost(dal_ctx *ctx, const char *reason) {
     char kept[sizeof ctx->reason];
     snprintf(kept, sizeof kept, "%s", reason[0] ? reason : "no reason given");
     if (ctx->state == State::up)
-        platform_log(PLATFORM_ERROR, "DAL: lost the server %s: %s", ctx->async_address.text, kept);
+        platform_error("<DAL>: lost the server %s: %s", ctx->async_address.text, kept);
     else if (strcmp(kept, ctx->reason) != 0)
-        platform_log(PLATFORM_ERROR, "DAL: cannot reach the server %s: %s; trying again", ctx->async_address.text,
-                     kept);
+        platform_error("<DAL>: cannot reach the server %s: %s; trying again", ctx->async_address.text, kept);
     memcpy(ctx->reason, kept, sizeof kept);
     ctx->state = State::lost;
     ctx->report = true;
     if (ctx->publisher.expected)
-        platform_log(PLATFORM_WARNING, "DAL: %u publications were not confirmed", ctx->publisher.expected);
+        platform_warning("<DAL>: %u publications were not confirmed", ctx->publisher.expected);
     for (Link *link : {&ctx->reader, &ctx->subscriber, &ctx->publisher})
         link_close(link);
     stop_timer(ctx, &ctx->refused_timer);

@@ -32,13 +32,13 @@ bool complete(const char *flags, char *completed, size_t size) {
 
 bool set_flags(Link *link, const char *flags) {
     const Argument arguments[] = {argument("CONFIG"), argument("SET"), argument(kName), argument(flags)};
-    platform_log(PLATFORM_INFO, "DAL: setting %s to %s", kName, flags);
+    platform_info("<DAL>: setting %s to %s", kName, flags);
     return link_send(link, Question::set_flags, nullptr, arguments);
 }
 
 void flags_read(Link *link, const redisReply *reply) {
     if (reply->elements != 2 || reply->element[1]->type != REDIS_REPLY_STRING) {
-        platform_log(PLATFORM_WARNING, "DAL: the server does not know %s: no key's change may be told", kName);
+        platform_warning("<DAL>: the server does not know %s: no key's change may be told", kName);
         return flags_finished(link);
     }
     char completed[64];
@@ -59,8 +59,7 @@ void flags_answered(Link *link, const redisReply *reply) {
     if (reply->type == REDIS_REPLY_ARRAY)
         return flags_read(link, reply);
     if (reply->type == REDIS_REPLY_ERROR)
-        platform_log(PLATFORM_WARNING, "DAL: may not look after %s, which has to contain %s: %s", kName, kNeeded,
-                     reply->str);
+        platform_warning("<DAL>: may not look after %s, which has to contain %s: %s", kName, kNeeded, reply->str);
     flags_finished(link);
 }
 

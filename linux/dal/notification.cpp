@@ -147,7 +147,7 @@ bool notification_take(Link *link, const redisReply *reply) {
     if (!pattern)
         return true;
     if (memchr(channel->str, '\0', channel->len)) {
-        platform_log(PLATFORM_ERROR, "DAL: a key with a NUL in it is not delivered; it begins %s", channel->str);
+        platform_error("<DAL>: a key with a NUL in it is not delivered; it begins %s", channel->str);
         return true;
     }
     Notification *notification = ctx->waiting.bytes < kMostBytes ? make(pattern, channel, reply->element[3]) : nullptr;

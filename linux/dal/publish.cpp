@@ -11,7 +11,7 @@ constexpr uint32_t kMostUnanswered = 100000; /**< publications that a server too
 
 void on_answer(Link *, const Expected *, redisReply *reply) {
     if (reply->type == REDIS_REPLY_ERROR)
-        platform_log(PLATFORM_WARNING, "DAL: a publication was refused: %s", reply->str);
+        platform_warning("<DAL>: a publication was refused: %s", reply->str);
 }
 
 /** A server that does not answer is lost; that it closed this one connection means no more than that. */
@@ -19,7 +19,7 @@ void on_failed(Link *link) {
     if (!link->closed)
         return context_lost(link->ctx, link->reason);
     if (link->expected)
-        platform_log(PLATFORM_WARNING, "DAL: %u publications were not confirmed", link->expected);
+        platform_warning("<DAL>: %u publications were not confirmed", link->expected);
     link_close(link);
 }
 
@@ -48,7 +48,7 @@ int dal_async_pub(dal_ctx *ctx, const char *channel, uint32_t channel_len, const
         return -1;
     Link *link = &ctx->publisher;
     if (link_unsent(link) + channel_len + data_len > kMostUnsent || link->expected >= kMostUnanswered) {
-        platform_log(PLATFORM_WARNING, "DAL: too much waits to be published");
+        platform_warning("<DAL>: too much waits to be published");
         return -1;
     }
     const Argument arguments[] = {

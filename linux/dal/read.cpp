@@ -21,8 +21,7 @@ bool is_loading(const redisReply *reply) {
 
 void log_refusal(std::span<const Argument> arguments, const char *reason) {
     const Argument object = arguments.size() > 1 ? arguments[1] : argument("");
-    platform_log(PLATFORM_WARNING, "DAL: %s %.*s: %s", arguments[0].bytes, static_cast<int>(object.length),
-                 object.bytes, reason);
+    platform_warning("<DAL>: %s %.*s: %s", arguments[0].bytes, static_cast<int>(object.length), object.bytes, reason);
 }
 
 int copy_out(redisReply *reply, void *value, uint32_t *value_len) {

@@ -47,7 +47,7 @@ bool add_found(Keys *keys, const redisReply *found) {
         if (key->type != REDIS_REPLY_STRING)
             return false;
         if (memchr(key->str, '\0', key->len))
-            platform_log(PLATFORM_ERROR, "DAL: a key with a NUL in it is not read; it begins %s", key->str);
+            platform_error("<DAL>: a key with a NUL in it is not read; it begins %s", key->str);
         else if (!add_key(keys, key))
             return false;
     }

@@ -87,8 +87,8 @@ void on_refused_due(void *user_data) {
 
 void refused(dal_ctx *ctx, Pattern *pattern, const redisReply *reply) {
     if (!pattern->refused)
-        platform_log(PLATFORM_ERROR, "DAL: the subscription to %s was refused: %s; trying again", pattern->text,
-                     reply->type == REDIS_REPLY_ERROR ? reply->str : "an answer of the wrong kind");
+        platform_error("<DAL>: the subscription to %s was refused: %s; trying again", pattern->text,
+                       reply->type == REDIS_REPLY_ERROR ? reply->str : "an answer of the wrong kind");
     pattern->refused = true;
     pattern->confirmed = false;
     start_timer(ctx, &ctx->refused_timer, kRefusedAgainMs, on_refused_due, ctx);
@@ -122,7 +122,7 @@ void subscribe_answered(Link *link, Pattern *pattern, const redisReply *reply) {
     if (!is_confirmation(reply, pattern))
         return refused(ctx, pattern, reply);
     if (pattern->refused) {
-        platform_log(PLATFORM_WARNING, "DAL: the subscription to %s is accepted now", pattern->text);
+        platform_warning("<DAL>: the subscription to %s is accepted now", pattern->text);
         // Its changes of the meantime were missed, as in a loss.
         ctx->report = true;
     }
@@ -151,7 +151,7 @@ int dal_sub_command(dal_ctx *ctx, dal_sub_callback callback, void *arg, const ch
     if (!ctx || !callback || !command || !(ctx->connections & DAL_CTX_SUBSCRIBE))
         return -1;
     if (!well_formed(command)) {
-        platform_log(PLATFORM_ERROR, "DAL: '%s' is no PSUBSCRIBE with patterns", command);
+        platform_error("<DAL>: '%s' is no PSUBSCRIBE with patterns", command);
         return -1;
     }
     const char *patterns = command + strlen(kCommand);

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include "core/dal_adapter.h"
 #include "fixture.h"
 
 namespace {
@@ -69,7 +70,7 @@ protected:
 TEST_F(DalUrl, IsUsedAndLogged) {
     redis.start();
     open();
-    EXPECT_EQ(loop::log_lines.front(), "4 DAL: the server is unix:///tmp/redis.sock (DAL_URL)");
+    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is unix:///tmp/redis.sock (DAL_URL)");
     EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
 }
 
@@ -77,13 +78,13 @@ TEST_F(DalUrl, ThatIsNoneMakesNoContextAndLeaksNothing) {
     open_at("http://x");
     EXPECT_EQ(ctx, nullptr);
     EXPECT_EQ(loop::log_lines.back(),
-              "3 DAL: the address 'http://x' (DAL_URL) is neither unix:///path nor tcp://host:port");
+              "3 <DAL>: the address 'http://x' (DAL_URL) is neither unix:///path nor tcp://host:port");
 }
 
 TEST_F(DalUrl, DefaultsToTcpWithoutTheSystemsSocket) {
     open_at("");
     ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(loop::log_lines.front(), "4 DAL: the server is tcp://127.0.0.1:6379 (default)");
+    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is tcp://127.0.0.1:6379 (default)");
 }
 
 TEST_F(DalUrl, DefaultsToTheSystemsSocketWhereItExists) {
@@ -91,7 +92,7 @@ TEST_F(DalUrl, DefaultsToTheSystemsSocketWhereItExists) {
     Redis system("/run/redis/redis-server.sock");
     system.start();
     open_at("");
-    EXPECT_EQ(loop::log_lines.front(), "4 DAL: the server is unix:///run/redis/redis-server.sock (default)");
+    EXPECT_EQ(loop::log_lines.front(), "4 <DAL>: the server is unix:///run/redis/redis-server.sock (default)");
     EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
     close();
     system.kill();
@@ -112,11 +113,21 @@ TEST_F(DalUrl, ReachesAServerOverTcp) {
     EXPECT_EQ(losses, 1);
 }
 
-TEST_F(DalUrl, AnAddressGivenByTheCallerIsUsedInstead) {
+TEST_F(DalUrl, AddressesGivenByTheCallerAreUsedInstead) {
     redis.start();
     setenv("DAL_URL", "unix:///nowhere", 1);
-    dal_ctx *given = dal_ctx_init(7, "unix:///tmp/redis.sock", "unix:///tmp/redis.sock", nullptr, nullptr, nullptr);
-    EXPECT_EQ(given, nullptr) << "without a loop there is no context";
+    dal_evloop_ctx *evloop =
+        dal_evloop_ctx_init(loop::reset(), vyrwrap_dal_add_read, vyrwrap_dal_delete_read, vyrwrap_dal_add_write,
+                            vyrwrap_dal_delete_write, redisDispatcherCleanup, vyrwrap_dal_attach, nullptr, nullptr);
+    ctx = dal_ctx_init(7, redis.url().c_str(), redis.url().c_str(), nullptr, nullptr, evloop);
+    ASSERT_NE(ctx, nullptr);
+    EXPECT_EQ(loop::log_count("4 <DAL>: the server is unix:///tmp/redis.sock (given)"), 2U);
+    EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+    EXPECT_EQ(subscribe("p"), 0);
+}
+
+TEST_F(DalUrl, WithoutALoopThereIsNoContext) {
+    EXPECT_EQ(dal_ctx_init(7, nullptr, nullptr, nullptr, nullptr, nullptr), nullptr);
 }
 
 }  // namespace

@@ -133,7 +133,7 @@ TEST_F(DalEvent, AKeyWithNulIsNotDeliveredAndLogged) {
     redis("SET /n/c v");
     EXPECT_EQ(events_of("/n/c", 1), Events{"set"});
     EXPECT_EQ(loop::log_count("a key with a NUL in it is not delivered"), 1U);
-    EXPECT_TRUE(loop::logged("3 DAL: a key with a NUL in it is not delivered; it begins __keyspace@0__:/n/a"));
+    EXPECT_TRUE(loop::logged("3 <DAL>: a key with a NUL in it is not delivered; it begins __keyspace@0__:/n/a"));
 }
 
 TEST_F(DalEvent, AServerLostWhileATypeIsAskedForHoldsTheNotification) {

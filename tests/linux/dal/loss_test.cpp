@@ -40,12 +40,12 @@ TEST_F(DalLoss, AKilledServerIsLostAndEverythingRestoredWhenItIsBack) {
     open_subscribed();
     redis.kill();
     ASSERT_TRUE(run_until_lost());
-    EXPECT_TRUE(loop::logged("3 DAL: lost the server unix:///tmp/redis.sock: Server closed the connection"));
+    EXPECT_TRUE(loop::logged("3 <DAL>: lost the server unix:///tmp/redis.sock: Server closed the connection"));
     EXPECT_EQ(losses, 0) << "at the loss there is nothing to read again";
     EXPECT_EQ(get("k"), "(failed)");
     redis.start();
     ASSERT_TRUE(run_until_back());
-    EXPECT_TRUE(loop::logged("4 DAL: the server unix:///tmp/redis.sock answers again"));
+    EXPECT_TRUE(loop::logged("4 <DAL>: the server unix:///tmp/redis.sock answers again"));
     EXPECT_EQ(flags(), "[notify-keyspace-events, g$hxeK]") << "the new server knew nothing of them";
     expect_restored(1);
 }
@@ -64,7 +64,7 @@ TEST_F(DalLoss, AServerAbsentAtStartIsFoundLater) {
     redis.kill();
     open();
     ASSERT_NE(ctx, nullptr);
-    EXPECT_TRUE(loop::logged("3 DAL: cannot reach the server unix:///tmp/redis.sock: "));
+    EXPECT_TRUE(loop::logged("3 <DAL>: cannot reach the server unix:///tmp/redis.sock: "));
     EXPECT_EQ(subscribe("p:*"), -1);
     EXPECT_EQ(subscribe("__keyspace@0__:/a/*", "b"), -1);
     EXPECT_EQ(get("k"), "(failed)");
@@ -234,7 +234,7 @@ TEST_F(DalLoss, FlagsThatAreMissingAreAddedAndTheOthersKept) {
     redis("CONFIG SET notify-keyspace-events Elg");
     open();
     EXPECT_EQ(flags(), "[notify-keyspace-events, g$lhxeKE]");
-    EXPECT_TRUE(loop::logged("6 DAL: setting notify-keyspace-events to "));
+    EXPECT_TRUE(loop::logged("6 <DAL>: setting notify-keyspace-events to "));
 }
 
 TEST_F(DalLoss, FlagsThatAreEnoughStay) {
@@ -247,8 +247,8 @@ TEST_F(DalLoss, FlagsThatAreEnoughStay) {
 TEST_F(DalLoss, AServerThatRefusesConfigIsUsedAndTheLogSaysSo) {
     redis("ACL SETUSER default -config");
     open();
-    EXPECT_EQ(loop::log_count("4 DAL: may not look after notify-keyspace-events, which has to contain Kg$hxe: NOPERM"),
-              1U);
+    EXPECT_EQ(
+        loop::log_count("4 <DAL>: may not look after notify-keyspace-events, which has to contain Kg$hxe: NOPERM"), 1U);
     EXPECT_EQ(subscribe("p:*"), 0);
     EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
 }

@@ -57,7 +57,7 @@ TEST_F(DalPublish, AServerThatTakesNothingFillsNoMemory) {
     while (queued < 1000 && publish("e:1", data) == 0)
         queued++;
     EXPECT_LT(queued, 300);
-    EXPECT_TRUE(loop::logged("4 DAL: too much waits to be published"));
+    EXPECT_TRUE(loop::logged("4 <DAL>: too much waits to be published"));
     loop::advance(2000);
     EXPECT_TRUE(run_until_lost());
     EXPECT_TRUE(loop::logged(std::to_string(queued) + " publications were not confirmed"));
@@ -78,7 +78,7 @@ TEST_F(DalPublish, WhatIsBiggerThanTheSocketTakesGoesOutFromTheLoop) {
 TEST_F(DalPublish, ARefusedPublicationIsLogged) {
     redis("ACL SETUSER default -publish");
     EXPECT_EQ(publish("e:1", "x"), 0);
-    EXPECT_TRUE(loop::run_until([] { return loop::logged("4 DAL: a publication was refused: NOPERM"); }));
+    EXPECT_TRUE(loop::run_until([] { return loop::logged("4 <DAL>: a publication was refused: NOPERM"); }));
     EXPECT_EQ(publish("e:1", "x"), 0);
 }
 

@@ -92,7 +92,7 @@ TEST_F(DalRead, GetFailsForAHashAndLogsTheReason) {
     redis("HSET k f v");
     EXPECT_EQ(get("k"), "(failed)");
     EXPECT_EQ(loop::log_lines.back(),
-              "4 DAL: GET k: WRONGTYPE Operation against a key holding the wrong kind of value");
+              "4 <DAL>: GET k: WRONGTYPE Operation against a key holding the wrong kind of value");
     EXPECT_EQ(get("k"), "(failed)") << "the connection goes on";
     EXPECT_EQ(losses, 0);
 }
@@ -201,7 +201,7 @@ TEST_F(DalRead, KeysWithNulAreLeftOutOfWalksWithALogLine) {
     redis.run({"SET", std::string("/n/a\0b", 6), "v"});
     redis("SET /n/c v");
     EXPECT_EQ(scan("/n/*"), Texts{"/n/c"});
-    EXPECT_EQ(loop::log_count("3 DAL: a key with a NUL in it is not read; it begins /n/a"), 1U);
+    EXPECT_EQ(loop::log_count("3 <DAL>: a key with a NUL in it is not read; it begins /n/a"), 1U);
 }
 
 TEST_F(DalRead, FreeingNoListIsAllowed) {
@@ -228,7 +228,7 @@ TEST_F(DalRead, AHungServerIsLostAfterTheBoundAndThenCallsFailAtOnce) {
     EXPECT_EQ(get("k"), "(failed)");
     EXPECT_GE(dal::now_ms() - begin, 1900);
     EXPECT_LT(dal::now_ms() - begin, 3000);
-    EXPECT_TRUE(loop::logged("3 DAL: lost the server unix:///tmp/redis.sock: no answer"));
+    EXPECT_TRUE(loop::logged("3 <DAL>: lost the server unix:///tmp/redis.sock: no answer"));
     begin = dal::now_ms();
     int found = 7;
     uint32_t length = 0;

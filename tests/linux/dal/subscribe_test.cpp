@@ -94,7 +94,7 @@ TEST_F(DalSubscribe, OverlappingPatternsDeliverOnceEach) {
 TEST_F(DalSubscribe, ATextThatIsNoPsubscribeWithPatternsIsRefused) {
     for (const char *command : {"", "PSUBSCRIBE", "PSUBSCRIBE ", "SUBSCRIBE a", "PSUBSCRIBE a  b", "PSUBSCRIBE a "}) {
         EXPECT_EQ(dal_sub_command(ctx, record, nullptr, command), -1) << command;
-        EXPECT_EQ(loop::log_lines.back(), "3 DAL: '" + std::string(command) + "' is no PSUBSCRIBE with patterns");
+        EXPECT_EQ(loop::log_lines.back(), "3 <DAL>: '" + std::string(command) + "' is no PSUBSCRIBE with patterns");
     }
     EXPECT_EQ(patterns_at_the_server(), 0);
     EXPECT_EQ(dal_sub_command(ctx, nullptr, nullptr, "PSUBSCRIBE a"), -1);
@@ -207,7 +207,7 @@ protected:
 
 TEST_F(DalRefused, ARefusedPatternIsLoggedAndTheOthersGoOn) {
     EXPECT_EQ(subscribe("free:* closed:* free:2*"), -1);
-    EXPECT_EQ(loop::log_count("3 DAL: the subscription to closed:* was refused: NOPERM"), 1U);
+    EXPECT_EQ(loop::log_count("3 <DAL>: the subscription to closed:* was refused: NOPERM"), 1U);
     EXPECT_EQ(patterns_at_the_server(), 2);
     redis("PUBLISH free:1 d");
     ASSERT_TRUE(run_until_delivered(1));
@@ -225,7 +225,7 @@ TEST_F(DalRefused, ARefusedPatternIsTriedAgainAndItsAcceptanceReported) {
     redis("ACL SETUSER default allchannels");
     loop::advance(10000);
     ASSERT_TRUE(loop::run_until([this] { return patterns_at_the_server() == 1 && losses == 1; }));
-    EXPECT_TRUE(loop::logged("4 DAL: the subscription to closed:* is accepted now"));
+    EXPECT_TRUE(loop::logged("4 <DAL>: the subscription to closed:* is accepted now"));
     redis("PUBLISH closed:1 d");
     EXPECT_TRUE(run_until_delivered(1));
     EXPECT_EQ(subscribe("closed:*"), 0);
