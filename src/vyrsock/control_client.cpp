@@ -38,6 +38,21 @@ int connect_to_vyr(int fd) {
     return vyr_peer_is_trusted(fd) ? 0 : -1;
 }
 
+/** A failure leaves the socket as it is, connected but blocking. Returns 1, or 0 on failure. */
+int make_non_blocking(int fd) {
+    const int flags = fcntl(fd, F_GETFL, 0);
+    if (flags < 0) {
+        log_error("<VYRWRAP>: Error while fcntl get  on vyr read socket");
+        return 0;
+    }
+    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        log_error("<VYRWRAP>: Error while fcntl set on vyr read socket");
+        return 0;
+    }
+    log_debug("<VYRWRAP>: vyr server connected");
+    return 1;
+}
+
 /** Waits without limit until the socket takes more; returns early, for another try, when waiting fails. */
 void wait_writable(int fd) {
     fd_set writable;
@@ -53,6 +68,24 @@ void wait_writable(int fd) {
         if (FD_ISSET(fd, &writable))
             return;
     }
+}
+
+/** Writes to the end, waiting as long as it takes. Returns 1, or 0 on failure. */
+int write_all(int fd, const uint8_t *position, size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(fd, position, length);
+        if (written >= 0) {
+            position += written;
+            length -= static_cast<size_t>(written);
+        } else if (errno == EAGAIN) {
+            log_error("<VYRWRAP>: Failed to write due to %s, to be tried again", strerror(errno));
+            wait_writable(fd);
+        } else if (errno != EINTR) {
+            log_error("<VYRWRAP>: Server write error: %s", strerror(errno));
+            return 0;
+        }
+    }
+    return 1;
 }
 
 /** The body of a frame whose length, which counts its own 4 bytes, has been read. */
@@ -84,17 +117,7 @@ int vyrwrap_connect_vyr_data_socket() {
         drop_control_socket();  // established behaviour: with the field at 0 this closes descriptor 0
         return 0;
     }
-    const int flags = fcntl(fd, F_GETFL, 0);
-    if (flags < 0) {
-        log_error("<VYRWRAP>: Error while fcntl get  on vyr read socket");
-        return 0;
-    }
-    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
-        log_error("<VYRWRAP>: Error while fcntl set on vyr read socket");
-        return 0;
-    }
-    log_debug("<VYRWRAP>: vyr server connected");
-    return 1;
+    return make_non_blocking(fd);
 }
 
 void vyrwrap_close_vyr_data_socket() {
@@ -113,22 +136,7 @@ int vyrwrap_send_to_vyr(const void *buffer, size_t length) {
         log_error("Connect to  server failed");
         return 0;
     }
-    const int fd = vyrwrap_global.ctl_sock_fd;
-    const auto *position = static_cast<const uint8_t *>(buffer);
-    while (length > 0) {
-        const ssize_t written = write(fd, position, length);
-        if (written >= 0) {
-            position += written;
-            length -= static_cast<size_t>(written);
-        } else if (errno == EAGAIN) {
-            log_error("<VYRWRAP>: Failed to write due to %s, to be tried again", strerror(errno));
-            wait_writable(fd);
-        } else if (errno != EINTR) {
-            log_error("<VYRWRAP>: Server write error: %s", strerror(errno));
-            return 0;
-        }
-    }
-    return 1;
+    return write_all(vyrwrap_global.ctl_sock_fd, static_cast<const uint8_t *>(buffer), length);
 }
 
 uint32_t vyrwrap_read_from_vyr(void *buffer) {

@@ -28,6 +28,12 @@ void unwatch(int fd) {
         DispRemoveInput(vyrwrap_global.dispatcher, fd, DISP_READ);
 }
 
+/** The loop reads the connection; until it ends, a second peer waits without waking the loop over and over. */
+void serve_connection() {
+    unwatch(vyrwrap_global.event_listen_fd);
+    watch(vyrwrap_global.event_conn_fd, vyrwrap_event_read_cb);
+}
+
 int close_listening_socket() {
     close(vyrwrap_global.event_listen_fd);
     vyrwrap_global.event_listen_fd = 0;
@@ -75,16 +81,14 @@ int vyrwrap_event_server_init() {
 int vyrwrap_event_accept_cb(void *) {
     VyrwrapGlobal &global = vyrwrap_global;
     if (global.event_conn_fd != 0) {
-        watch(global.event_conn_fd, vyrwrap_event_read_cb);
-        unwatch(global.event_listen_fd);
+        serve_connection();
         return 1;
     }
     const int fd = accept(global.event_listen_fd, nullptr, nullptr);
     global.event_conn_fd = fd < 0 ? fd : vyr_adopt_socket(fd);
-    // While a connection is served, or after a failure, a waiting peer would be reported ready over and over.
     if (global.event_conn_fd < 0) {
         log_error("<VYRWRAP>: Cannot Accept vyrwrap server socket");
-        unwatch(global.event_listen_fd);
+        unwatch(global.event_listen_fd);  // the peer that waits would be reported ready for ever
         global.event_listen_fd = 0;
         return 0;
     }
@@ -95,8 +99,7 @@ int vyrwrap_event_accept_cb(void *) {
         return 1;
     }
     log_debug("<VYRWRAP>: vyr server connected");
-    unwatch(global.event_listen_fd);
-    watch(global.event_conn_fd, vyrwrap_event_read_cb);
+    serve_connection();
     return 1;
 }
 
