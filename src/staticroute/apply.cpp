@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <span>
@@ -9,6 +8,7 @@
 #include "core/global.h"
 #include "core/log.h"
 #include "platform/cmnutil.h"
+#include "staticroute/next_hop.h"
 #include "staticroute/static_config.h"
 #include "staticroute/table.h"
 
@@ -25,18 +25,6 @@ struct Place {
 
 std::span<StaticRouteEntry> all_entries() {
     return {vyrwrap_global.static_routes.entries, kMaxStaticRoutes};
-}
-
-bool is_default_route(uint32_t dest, uint32_t mask) {
-    return dest == 0 && mask == 0;
-}
-
-bool is_ipsec(const StaticRouteCfg *route) {
-    return route->kind == ROUTE_KIND_IPSEC;
-}
-
-bool is_cluster(const StaticRouteCfg *route) {
-    return route->kind == ROUTE_KIND_CLUSTER;
 }
 
 __attribute__((format(printf, 2, 3))) void fill_report(StaticRouteErrorReport *report, const char *format, ...) {
@@ -80,56 +68,8 @@ void begin_route(const StaticRouteCfg *route) {
         "<VYRWRAP>: %s: type %u dest %s/%d nh_ip %s vlan %u metric %u flags 0x%x (mapname %s or clustername %s) "
         ">> %s",
         kApply, route->kind, dest, mask_to_prefixlen(route->mask), ip_to_str(route->gateway, gateway, sizeof gateway),
-        static_cast<unsigned>(route->vlan), route->metric, route->flags, is_ipsec(route) ? name : "NULL",
-        is_cluster(route) ? name : "NULL", route->is_delete ? "DELETE" : "ADD");
-}
-
-bool same_network(const StaticRouteCfg *route, const StaticRouteEntry *entry) {
-    return entry->in_use && entry->mask == route->mask && ((entry->dest ^ route->dest) & route->mask) == 0;
-}
-
-bool same_next_hop(const StaticRouteCfg *route, const StaticRouteEntry *entry, int slot) {
-    if (!entry->used[slot])
-        return false;
-    if (is_cluster(route))
-        return entry->cluster_name[slot] &&
-               strncmp(entry->cluster_name[slot], route->cluster_name, sizeof route->cluster_name) == 0;
-    if (is_ipsec(route))
-        return entry->map_name[slot] && strncmp(entry->map_name[slot], route->map_name, sizeof route->map_name) == 0;
-    return entry->gateway[slot] == route->gateway;
-}
-
-/** The first slot of an entry with this next hop, -1 when there is none. */
-int find_slot(const StaticRouteCfg *route, const StaticRouteEntry *entry) {
-    for (int slot = 0; slot < kMaxNextHops; slot++)
-        if (same_next_hop(route, entry, slot))
-            return slot;
-    return -1;
-}
-
-void free_names(StaticRouteEntry *entry, int slot) {
-    free(entry->cluster_name[slot]);
-    entry->cluster_name[slot] = nullptr;
-    free(entry->map_name[slot]);
-    entry->map_name[slot] = nullptr;
-    entry->data_vpnc[slot] = 0;
-}
-
-void clear_slot(StaticRouteEntry *entry, int slot) {
-    entry->used[slot] = 0;
-    entry->gateway[slot] = 0;
-    free_names(entry, slot);
-    entry->flags[slot] = 0;
-    entry->kind[slot] = 0;
-}
-
-void free_entry_without_next_hop(StaticRouteEntry *entry) {
-    for (const uint8_t used : entry->used)
-        if (used)
-            return;
-    entry->in_use = 0;
-    entry->dest = 0;
-    entry->mask = 0;
+        static_cast<unsigned>(route->vlan), route->metric, route->flags, is_ipsec_route(route) ? name : "NULL",
+        is_cluster_route(route) ? name : "NULL", route->is_delete ? "DELETE" : "ADD");
 }
 
 void count_down() {
@@ -142,7 +82,7 @@ void count_down() {
 /** The metric is not compared: a deleted key no longer tells one. */
 Place find_next_hop(const StaticRouteCfg *route) {
     for (StaticRouteEntry &entry : all_entries()) {
-        const int slot = same_network(route, &entry) ? find_slot(route, &entry) : -1;
+        const int slot = static_route_same_network(route, &entry) ? next_hop_find(route, &entry) : -1;
         if (slot >= 0)
             return {&entry, slot, true};
     }
@@ -155,7 +95,7 @@ int delete_next_hop(const StaticRouteCfg *route, StaticRouteErrorReport *report)
         count_down();
         return 1;
     }
-    clear_slot(place.entry, place.slot);
+    next_hop_clear(place.entry, place.slot);
     const bool written = write_static_config(&vyrwrap_global.static_routes) == 0;
     if (!written) {
         const char *reason = strerror(errno);
@@ -166,7 +106,7 @@ int delete_next_hop(const StaticRouteCfg *route, StaticRouteErrorReport *report)
                     vyrwrap_global.cur_dest_str, length, vyrwrap_global.cur_nexthop_str);
     }
     // writing may have applied other routes, so that only now it is known whether the entry is empty
-    free_entry_without_next_hop(place.entry);
+    static_route_free_if_empty(place.entry);
     if (written)
         count_down();
     return written ? 1 : 0;
@@ -177,7 +117,7 @@ int delete_next_hop(const StaticRouteCfg *route, StaticRouteErrorReport *report)
 Place find_place_in(const StaticRouteCfg *route, StaticRouteEntry *entry) {
     Place place = {entry, route->flags & NEXT_HOP_DROP ? 0 : -1, false};
     for (int slot = 0; slot < kMaxNextHops; slot++) {
-        if (same_next_hop(route, entry, slot))
+        if (next_hop_is_same(route, entry, slot))
             return {entry, slot, true};
         if (!entry->used[slot] && place.slot < 0)
             place.slot = slot;
@@ -188,7 +128,7 @@ Place find_place_in(const StaticRouteCfg *route, StaticRouteEntry *entry) {
 Place find_place(const StaticRouteCfg *route) {
     StaticRouteEntry *first_free = nullptr;
     for (StaticRouteEntry &entry : all_entries()) {
-        if (same_network(route, &entry) && entry.metric == route->metric)
+        if (static_route_same_network(route, &entry) && entry.metric == route->metric)
             return find_place_in(route, &entry);
         if (!entry.in_use && !first_free)
             first_free = &entry;
@@ -229,44 +169,16 @@ void take_from_other_metric(const StaticRouteCfg *route) {
     if (!old.entry)
         return;
     for (int slot = old.slot; slot < kMaxNextHops; slot++)
-        if (same_next_hop(route, old.entry, slot))
-            clear_slot(old.entry, slot);
-    free_entry_without_next_hop(old.entry);
-}
-
-/** A zero-filled buffer of `size` bytes with the name, which is shorter. NULL when memory is short. */
-char *copy_name(const char *name, size_t longest, size_t size) {
-    auto *copy = static_cast<char *>(calloc(1, size));
-    if (copy)
-        memcpy(copy, name, strnlen(name, longest));
-    return copy;
-}
-
-/** Puts the next hop into its slot, in place of what stands there. Returns false when memory is short. */
-bool fill_next_hop(const StaticRouteCfg *route, const Place &place) {
-    StaticRouteEntry *entry = place.entry;
-    const int slot = place.slot;
-    free_names(entry, slot);
-    if (is_cluster(route)) {
-        entry->gateway[slot] = 0;
-        entry->cluster_name[slot] = copy_name(route->cluster_name, sizeof route->cluster_name, kClusterNameSize);
-        return entry->cluster_name[slot] != nullptr;
-    }
-    if (is_ipsec(route)) {
-        entry->gateway[slot] = 0;
-        entry->map_name[slot] = copy_name(route->map_name, sizeof route->map_name, kMapNameSize);
-        return entry->map_name[slot] != nullptr;
-    }
-    entry->gateway[slot] = route->gateway;
-    entry->vlan[slot] = route->vlan;
-    return true;
+        if (next_hop_is_same(route, old.entry, slot))
+            next_hop_clear(old.entry, slot);
+    static_route_free_if_empty(old.entry);
 }
 
 int report_no_memory(const StaticRouteCfg *route, StaticRouteErrorReport *report) {
     const char *dest = vyrwrap_global.cur_dest_str;
     const char *next_hop = vyrwrap_global.cur_nexthop_str;
     const int length = mask_to_prefixlen(route->mask);
-    if (is_cluster(route))
+    if (is_cluster_route(route))
         log_error("<VYRWRAP>: %s: Memory allocation failed for cluster route while adding %s/%d via %s\n", kApply, dest,
                   length, next_hop);
     else
@@ -274,19 +186,6 @@ int report_no_memory(const StaticRouteCfg *route, StaticRouteErrorReport *report
                   next_hop);
     fill_report(report, "Memory allocation failed while adding.%s/%d via %s\n", dest, length, next_hop);
     return 0;
-}
-
-uint32_t next_hop_flags(const StaticRouteCfg *route) {
-    const uint32_t named = is_cluster(route) ? NEXT_HOP_CLUSTER : is_ipsec(route) ? NEXT_HOP_IPSEC : 0U;
-    if (is_default_route(route->dest, route->mask))
-        return NEXT_HOP_DEFAULT_ROUTE | named;
-    return named ? named : route->flags;
-}
-
-uint32_t next_hop_kind(const StaticRouteCfg *route) {
-    if (route->kind == ROUTE_KIND_TUNNEL_INTERFACE)
-        return NEXT_HOP_KIND_TUNNEL_INTERFACE;
-    return route->kind == ROUTE_KIND_PPPOE ? NEXT_HOP_KIND_PPPOE : NEXT_HOP_KIND_OTHER;
 }
 
 int add_next_hop(const StaticRouteCfg *route, StaticRouteErrorReport *report) {
@@ -298,18 +197,8 @@ int add_next_hop(const StaticRouteCfg *route, StaticRouteErrorReport *report) {
     if (!place.entry)
         return refuse_route(route, report);
 
-    StaticRouteEntry *entry = place.entry;
-    entry->in_use = 1;
-    entry->used[place.slot] = 1;
-    entry->dest = route->dest;
-    entry->mask = route->mask;
-    if (!fill_next_hop(route, place))
+    if (!next_hop_fill(place.entry, place.slot, route))
         return report_no_memory(route, report);
-    entry->flags[place.slot] = next_hop_flags(route);
-    entry->metric = route->metric;
-    entry->distance = route->distance;
-    entry->kind[place.slot] = next_hop_kind(route);
-
     if (write_static_config(&vyrwrap_global.static_routes) < 0) {
         const char *reason = strerror(errno);
         const int length = mask_to_prefixlen(route->mask);

@@ -89,8 +89,10 @@ void vyrwrap_subscribe_init() {
 void vyrwrap_dal_scan_static_routes(const char *pattern) {
     // applying a route may subscribe and scan again, each time with a list of its own
     const OwnedDalList list(ListCreate());
-    if (!list)
+    if (!list) {
+        log_error("<VYRWRAP>:%s: Failed to create the list of keys", __func__);
         return;
+    }
     dal_mget_by_wildcard(vyrwrap_global.dal_ctx, pattern, list.get(), &vyrwrap_global.dal_ctx);
     ListGet(list.get(), LIST_REWIND);
     while (const auto *entry = static_cast<const dal_kv *>(ListGet(list.get(), LIST_NEXT))) {
@@ -98,8 +100,7 @@ void vyrwrap_dal_scan_static_routes(const char *pattern) {
         if (is_text(entry) && vyrwrap_extract_static_route_cfg_from_path(&route, entry->key, entry->value, 0))
             apply(&route);
         else
-            log_error("<VYRWRAP>: %s: %d: Error in extracting static cfg while init", "vyrwrap_dal_scan_static_routes",
-                      957);
+            log_error("<VYRWRAP>: %s: %d: Error in extracting static cfg while init", __func__, 957);
     }
 }
 

@@ -110,6 +110,12 @@ TEST_F(ApplyTest, ADefaultRouteRaisesItsFlagEvenWhenTheFileCannotBeWritten) {
     EXPECT_EQ(vyrwrap_global.default_route_changed, 1);
 }
 
+TEST_F(ApplyTest, DeletingADefaultRouteThatIsNotThereRaisesItsFlagToo) {
+    EXPECT_EQ(remove(gateway_route("0.0.0.0", "0.0.0.0", "1.1.1.1", 1)), 1);
+    EXPECT_EQ(vyrwrap_global.default_route_changed, 1);
+    EXPECT_EQ(forks, 0);
+}
+
 TEST_F(ApplyTest, NoOtherRouteRaisesTheDefaultRouteFlag) {
     mkdir(kStaticFile, 0755);
     add(gateway_route("10.0.0.0", "0.0.0.0", "1.1.1.1", 1));

@@ -269,7 +269,7 @@ TEST_P(ModelTest, TheTableTheCountTheFileAndTheResultAreTheModels) {
     random.seed(seed);
     int refused = 0;
     int full = 0;
-    for (int i = 0; i < 5000; i++) {
+    for (int i = 0; i < 2500; i++) {
         SCOPED_TRACE("operation " + std::to_string(i));
         const StaticRouteCfg route = random_route(networks);
         const bool writable = pick(50) != 0;

@@ -1,5 +1,7 @@
 #include "staticroute/subscription.h"
 
+#include <errno.h>
+
 #include <algorithm>
 
 #include "mrt/mrt_export.h"
@@ -95,6 +97,14 @@ TEST_F(SubscriptionTest, AScanThatFailsChangesNothing) {
     vyrwrap_dal_scan_static_routes("/op/staticroute/*");
     EXPECT_EQ(entry(0).in_use, 0U);
     EXPECT_EQ(static_file(), "(no file)");
+}
+
+TEST_F(SubscriptionTest, AScanWithoutMemoryIsLogged) {
+    fake::fail_call("calloc", ENOMEM);
+    vyrwrap_dal_scan_static_routes("/op/staticroute/*");
+    EXPECT_EQ(fake::log_texts(3), std::vector<std::string>{"<VYRWRAP>:vyrwrap_dal_scan_static_routes: Failed to "
+                                                           "create the list of keys"});
+    EXPECT_TRUE(fake::dal_calls.empty());
 }
 
 TEST_F(SubscriptionTest, TheScanWritesTheFileOnceForEachRoute) {
