@@ -154,7 +154,7 @@ int dal_hgetall(dal_ctx *, dal_hash_request *request) {
     request->kvlist = ListCreate();
     for (const auto &[field, value] : hash->second)
         fake::append(request->kvlist, field, &value);
-    return 0;
+    return fake::failing_calls.count("dal_hgetall late") ? -1 : 0;
 }
 
 int dal_scan(dal_ctx *, const char *pattern, List *keys) {

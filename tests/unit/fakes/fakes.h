@@ -56,7 +56,10 @@ extern int debug_enabled;                  /**< what isDbgLvlEnabled(400) return
 extern std::map<std::string, std::string> strings;
 extern std::map<std::string, std::map<std::string, std::string>> hashes;
 
-/** Order in which dal_hgetall gives fields is the map's; these calls fail: "dal_get", "dal_scan", ... */
+/**
+ * Order in which dal_hgetall gives fields is the map's; these calls fail: "dal_get", "dal_scan", ...;
+ * "dal_hgetall late" fails with a list that is to be released.
+ */
 extern std::set<std::string> failing_calls;
 
 /** Calls made, as "dal_get /op/x" (call, blank, key, pattern, channel or command; dal_hget has its field behind). */

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <array>
 #include <random>
 
 #include "fakes/fakes.h"

@@ -93,6 +93,22 @@ TEST_F(LinkSocketTest, LetsTwoHundredRecordsThroughAsOneDatagram) {
     EXPECT_EQ(app.receive(), std::vector<std::string>{datagram});
 }
 
+TEST_F(LinkSocketTest, AsksForALargeSendBufferWithoutPrivilegeToo) {
+    fake::fail_call("setsockopt", EPERM);
+    ASSERT_GE(connect(), 0);
+    EXPECT_EQ(fake::call_count("setsockopt"), 2);
+    int size = 0;
+    socklen_t length = sizeof size;
+    ASSERT_EQ(getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, &length), 0);
+    EXPECT_EQ(size, 2 * std::stoi(fake::read_file("/proc/sys/net/core/wmem_max")));
+}
+
+TEST_F(LinkSocketTest, TakesTheSendBufferThatItGets) {
+    fake::fail_call("setsockopt", EPERM, 0, 2);
+    EXPECT_GE(connect(), 0);
+    EXPECT_TRUE(fake::log_texts(3).empty());
+}
+
 TEST_F(LinkSocketTest, HasALargerSendBufferThanTheDefault) {
     ASSERT_GE(connect(), 0);
     const int plain = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
