@@ -11,6 +11,8 @@
 
 namespace fake {
 
+unsigned address_length;
+
 std::function<bool(long *)> on_fork;
 std::function<bool(int, int, int *)> on_kill;
 std::function<bool(fd_set *, fd_set *, timeval *, int *)> on_select;
@@ -121,7 +123,8 @@ WRAP(CALL_CALLOC, void *, nullptr, calloc, (size_t count, size_t size), (count, 
 WRAP(CALL_REALLOC, void *, nullptr, realloc, (void *old, size_t size), (old, size))
 WRAP(CALL_EXECVP, int, -1, execvp, (const char *file, char *const argv[]), (file, argv))
 WRAP(CALL_SOCKET, int, -1, socket, (int domain, int type, int protocol), (domain, type, protocol))
-WRAP(CALL_BIND, int, -1, bind, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
+WRAP(CALL_BIND, int, -1, bind, (int fd, const sockaddr *address, socklen_t length),
+     (fd, address, (address_length = length)))
 WRAP(CALL_CONNECT, int, -1, connect, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
 WRAP(CALL_LISTEN, int, -1, listen, (int fd, int backlog), (fd, backlog))
 WRAP(CALL_ACCEPT, int, -1, accept, (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
@@ -129,7 +132,7 @@ WRAP(CALL_READ, ssize_t, -1, read, (int fd, void *buffer, size_t size), (fd, buf
 WRAP(CALL_WRITE, ssize_t, -1, write, (int fd, const void *buffer, size_t size), (fd, buffer, size))
 WRAP(CALL_SENDTO, ssize_t, -1, sendto,
      (int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length),
-     (fd, buffer, size, flags, address, length))
+     (fd, buffer, size, flags, address, (address_length = length)))
 WRAP(CALL_RENAME, int, -1, rename, (const char *from, const char *to), (from, to))
 
 WRAP(CALL_SETSOCKOPT, int, -1, setsockopt, (int fd, int level, int option, const void *value, socklen_t length),

@@ -173,6 +173,8 @@ extern std::function<bool(fd_set *readable, fd_set *writable, timeval *timeout, 
 extern long peer_uid;      /**< what SO_PEERCRED gives as the user's id; negative after reset: the true one */
 extern long effective_uid; /**< what geteuid gives; likewise */
 
+extern unsigned address_length; /**< length of the address given to the last bind or sendto */
+
 /** Calls made since reset, by name. */
 int call_count(const std::string &call);
 

@@ -1,7 +1,6 @@
 /* Requests by family. */
 #include "fakes/fakes.h"
 #include "rpapp/link.h"
-#include "tunnel/tunnel_table.h"
 
 namespace {
 
@@ -81,6 +80,22 @@ TEST_F(DispatchTest, IgnoresAVlanRecord) {
               (Texts{kDispatched + "1", kIm + "msg->msg.im_Msg.msgType:2, msg->msg.im_Msg.msg.vlan_Iface.opCode:4"}));
     EXPECT_TRUE(errors().empty());
     EXPECT_TRUE(fake::dal_calls.empty());
+}
+
+TEST_F(DispatchTest, ReplaysTheVlansOnRequestWhateverTheOpcode) {
+    dispatch(1, 7, 0);
+    EXPECT_EQ(infos()[1], kIm + "msg->msg.im_Msg.msgType:7, msg->msg.im_Msg.msg.vlan_Iface.opCode:0");
+    ASSERT_FALSE(fake::dal_calls.empty());
+    EXPECT_EQ(fake::dal_calls[0], "dal_sub_command PSUBSCRIBE __keyspace@0__:/op/vlans/route*");
+    EXPECT_FALSE(fake::logged(3, kIm + "Unsupported opcode (0)"));
+}
+
+TEST_F(DispatchTest, ReplaysTheClustersOnRequest) {
+    dispatch(9, 4, 0);
+    EXPECT_EQ(infos()[1], kCluster + "msg->msg.cluster_Msg.opCode:4");
+    ASSERT_FALSE(fake::dal_calls.empty());
+    EXPECT_EQ(fake::dal_calls[0], "dal_sub_command PSUBSCRIBE __keyspace@0__:/op/clusters/*");
+    EXPECT_FALSE(fake::logged(3, kCluster + "Unsupported opcode (4)"));
 }
 
 TEST_F(DispatchTest, RefusesAVlanMessageOfAnotherKindNamingItsOpcode) {

@@ -50,6 +50,7 @@ TEST_F(LinkSocketTest, IsADatagramSocketBoundToTheOwnPathWithoutATerminator) {
     struct stat status;
     ASSERT_EQ(stat(fake::kLinkPath, &status), 0);
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
+    EXPECT_EQ(fake::address_length, 2 + kPath.size());
 }
 
 TEST_F(LinkSocketTest, IsRegisteredForReadingAndReported) {
