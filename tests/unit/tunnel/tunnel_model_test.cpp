@@ -192,7 +192,8 @@ TEST_F(TunnelModelTest, UsesNoMoreAfterAHundredThousandNotifications) {
         }
     }
     settle();
-    EXPECT_EQ(fake::memory_in_use(), memory);
+    // The allocator's own rounding comes and goes; one byte lost a notification would be 99,000.
+    EXPECT_LE(fake::memory_in_use(), memory + 4096);
     EXPECT_EQ(fake::open_descriptors(), descriptors);
 }
 
