@@ -1,0 +1,197 @@
+/*
+ * vyr: the routing daemon of the lab, a front for stock BIRD 2.
+ *
+ * Takes the routing daemon's arguments, translates its configuration, and runs BIRD under itself for as long as BIRD
+ * runs. Ends as BIRD ended.
+ */
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <string>
+
+#include "lab/vyr/bird.h"
+#include "lab/vyr/kernel_routes.h"
+#include "lab/vyr/prepare.h"
+
+namespace {
+
+constexpr int kNoVlanAddress = 100;
+constexpr int kUsage = 2;
+constexpr std::chrono::seconds kAnswerLimit{10};
+
+struct Front {
+    std::string config = "/tmp/vyr.conf";
+    std::string control_socket = "/tmp/vyr.ctl";
+    std::string stock;  ///< the translated file
+    pid_t bird = -1;
+    std::vector<vyr::RouteKey> routes;
+    bool answered = false;  ///< BIRD has been heard on its control socket
+};
+
+std::vector<vyr::RouteKey> without(const std::vector<vyr::RouteKey> &keys, const std::vector<vyr::RouteKey> &others) {
+    std::vector<vyr::RouteKey> rest;
+    std::set_difference(keys.begin(), keys.end(), others.begin(), others.end(), std::back_inserter(rest));
+    return rest;
+}
+
+/** From here on no signal ends this process by surprise: they wait to be read. */
+int take_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGHUP, SIGTERM, SIGINT, SIGQUIT, SIGCHLD})
+        sigaddset(&signals, number);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGHUP, SIG_DFL);  // an ignored signal would not be queued for reading
+    signal(SIGPIPE, SIG_IGN);
+    return signalfd(-1, &signals, SFD_CLOEXEC);
+}
+
+bool parse_arguments(int argc, char **argv, Front &front) {
+    for (int option = 0; (option = getopt(argc, argv, "c:s:")) >= 0;) {
+        if (option == 'c')
+            front.config = optarg;
+        else if (option == 's')
+            front.control_socket = optarg;
+        else
+            return false;
+    }
+    front.stock = front.config + ".stock";
+    return optind == argc;
+}
+
+/** BIRD catches SIGHUP from its first answer on. Polls, as there is nothing to wait on before its socket is there. */
+void await_bird(Front &front) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + kAnswerLimit;
+    while (!front.answered && Clock::now() < deadline) {
+        siginfo_t ended{};
+        if (waitid(P_PID, static_cast<id_t>(front.bird), &ended, WEXITED | WNOHANG | WNOWAIT) < 0 || ended.si_pid)
+            return;
+        front.answered = vyr::ask_bird(front.control_socket, "show status", kAnswerLimit).has_value();
+        if (!front.answered)
+            usleep(10000);
+    }
+}
+
+/** For BIRD a route with another metric replaces the former one, for the kernel it is one more: the former one, of
+ * which BIRD knows nothing any more, would go on winning. */
+void remove_replaced_routes(const Front &front, const std::vector<vyr::RouteKey> &routes) {
+    // BIRD takes the signal before the next command, so it answers with what holds after the reload
+    const auto reply = vyr::ask_bird(front.control_socket, "show route primary all", kAnswerLimit);
+    if (!reply)
+        return;
+    std::vector<vyr::RouteKey> known;
+    std::set_union(front.routes.begin(), front.routes.end(), routes.begin(), routes.end(), std::back_inserter(known));
+    if (const unsigned removed = vyr::remove_kernel_routes(without(known, vyr::parse_chosen_routes(*reply))))
+        fprintf(stderr, "vyr: removed %u routes with a former metric from the kernel\n", removed);
+}
+
+/** What an earlier BIRD left in the kernel, but for what this one will put there again as it is. */
+void remove_left_behind(const std::vector<vyr::RouteKey> &routes) {
+    std::vector<vyr::RouteKey> stale;
+    for (const vyr::RouteKey &key : vyr::kernel_routes_of_bird()) {
+        const auto same_prefix = [&key](const vyr::RouteKey &other) {
+            return other.address == key.address && other.length == key.length;
+        };
+        const bool alone = std::count_if(routes.begin(), routes.end(), same_prefix) == 1;
+        if (!alone || !std::binary_search(routes.begin(), routes.end(), key))
+            stale.push_back(key);
+    }
+    vyr::remove_kernel_routes(stale);
+}
+
+void reload(Front &front) {
+    const auto translation = vyr::prepare_config(front.config, front.stock);
+    if (!translation)
+        return;
+    await_bird(front);
+    kill(front.bird, SIGHUP);
+    auto routes = vyr::route_keys(*translation);
+    remove_replaced_routes(front, routes);
+    front.routes = std::move(routes);
+}
+
+/** Ends this process the way BIRD ended. */
+[[noreturn]] void end_as(int status) {
+    if (WIFSIGNALED(status)) {
+        const rlimit no_core{0, 0};
+        setrlimit(RLIMIT_CORE, &no_core);
+        signal(WTERMSIG(status), SIG_DFL);
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_UNBLOCK, &all, nullptr);
+        raise(WTERMSIG(status));
+    }
+    _exit(WEXITSTATUS(status));
+}
+
+/** SIGCHLD may stand for children that were waited for on the spot. */
+void reap(const Front &front) {
+    int status = 0;
+    if (waitpid(front.bird, &status, WNOHANG) != front.bird)
+        return;
+    if (WIFSIGNALED(status))
+        fprintf(stderr, "vyr: BIRD was killed by signal %d\n", WTERMSIG(status));
+    else
+        fprintf(stderr, "vyr: BIRD ended with status %d\n", WEXITSTATUS(status));
+    end_as(status);
+}
+
+void handle_signal(Front &front, uint32_t number) {
+    if (number == SIGCHLD)
+        reap(front);
+    else if (number == SIGHUP)
+        reload(front);
+    else
+        kill(front.bird, SIGTERM);
+}
+
+int start(Front &front) {
+    const char *prefix = getenv("VYR_VLAN_PREFIX");
+    if (!vyr::has_address(prefix ? prefix : "br")) {
+        fprintf(stderr, "vyr: no VLAN address yet\n");
+        return kNoVlanAddress;
+    }
+    const auto translation = vyr::prepare_config(front.config, front.stock);
+    if (!translation)
+        return EXIT_FAILURE;
+    front.routes = vyr::route_keys(*translation);
+    remove_left_behind(front.routes);
+    front.bird = vyr::start_bird(front.stock, front.control_socket);
+    if (front.bird < 0)
+        fprintf(stderr, "vyr: cannot start BIRD: %s\n", strerror(errno));
+    return front.bird < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+[[noreturn]] void run(Front &front, int signals) {
+    for (;;) {
+        signalfd_siginfo info{};
+        if (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+            handle_signal(front, info.ssi_signo);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    const int signals = take_signals();
+    Front front;
+    if (!parse_arguments(argc, argv, front)) {
+        fprintf(stderr, "usage: %s [-c CONFIGURATION] [-s CONTROL_SOCKET]\n", argv[0]);
+        return kUsage;
+    }
+    if (const int status = start(front))
+        return status;
+    run(front, signals);
+}
