@@ -1,0 +1,204 @@
+"""An access point inside the sandbox: Redis, vyrwrap, the routing daemon and a VLAN interface.
+
+    with AccessPoint() as ap:
+        ap.set_route("10.1.0.0/16", "192.168.10.2", metric=5)
+        ap.wait_route("10.1.0.0/16", via=["192.168.10.2"], metric=5)
+"""
+
+import ipaddress
+import os
+import re
+import shutil
+import signal
+import subprocess
+from pathlib import Path
+
+import redis
+
+from logfile import LogFile
+from network import add_bridge, kernel_routes, raise_queue_length, remove_bridge
+from process import Process, child_of, is_running
+from wait import wait_for
+
+ROOT = Path(__file__).resolve().parent.parent
+BINARIES = Path(os.environ.get("LAB_BINARIES", ROOT / "build" / "bin"))
+
+BRIDGE = "br0"
+ADDRESSES = ("192.168.10.1/24", "192.168.20.1/24")
+QUEUE_LENGTH = 512
+MAC = "02:00:5e:10:00:01"
+SERIAL = "LAB000001"
+
+REDIS_SOCKET = Path("/run/lab/redis.sock")
+STATIC_FILE = Path("/tmp/vyr_static.conf")
+OVERLAY_FILE = Path("/tmp/vyr_oap.conf")
+LOG_CONFIG_FILE = Path("/tmp/vyr_log.conf")
+LOG = Path("/tmp/vyrwrap.log")
+
+# The daemon launches the routing daemon on its second timer run, and reloads it on the second one after a change; the
+# timer runs every 5 s. Some room is left for a busy machine.
+LAUNCH_SECONDS = 20
+RELOAD_SECONDS = 20
+
+# Route export, static routes, redistributed VLANs: what is subscribed to before the static routes are read.
+_OWN_PATTERNS = 3
+
+_LEFT_BEHIND = ["/tmp/vyr*", "/tmp/.vyrwrap*", "/tmp/.sock", "/tmp/bird_*_exp.ctl", "/run/lab", "/tmp/redis.err"]
+_SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
+
+
+def route_key(prefix, next_hop, kind=1):
+    """The DAL's key of a static route. Host bits of the prefix stay."""
+    interface = ipaddress.ip_interface(prefix)
+    return f"/op/staticroute/{{{interface.ip}:{interface.netmask}:{kind}:{next_hop}}}"
+
+
+class AccessPoint:
+    """One at a time in a sandbox. As a context manager it is set up and started, and ended with all that it made."""
+
+    def __init__(self, start=True):
+        """With `start` false nothing but the surroundings is set up: no Redis, no daemon."""
+        self._start = start
+        self.redis_server = None
+        self.daemon = None
+        self.log = LogFile(LOG)
+
+    def __enter__(self):
+        try:
+            self.set_up()
+            if self._start:
+                self.start_redis()
+                self.start_daemon()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, *exception):
+        self.close()
+
+    # Surroundings
+
+    def set_up(self):
+        """Folders, programs, templates and the VLAN interface."""
+        if not os.environ.get("LAB_SANDBOX"):
+            raise RuntimeError("the lab changes /tmp, /etc/bird and the network: run it with lab/sandbox")
+        add_bridge(BRIDGE, *ADDRESSES)
+        raise_queue_length(QUEUE_LENGTH)
+        for folder in ("/tmp/.sock", "/var/log/korvalog", "/etc/bird", "/korva/bin", REDIS_SOCKET.parent):
+            Path(folder).mkdir(parents=True, exist_ok=True)
+        for template in (ROOT / "lab" / "etc-bird").iterdir():
+            shutil.copy(template, "/etc/bird")
+        for program in ("vyrwrap", "vyr", "vyrc", "rpapp"):
+            link = Path("/korva/bin", program)
+            link.unlink(missing_ok=True)
+            if (BINARIES / program).exists():
+                link.symlink_to(BINARIES / program)
+
+    def close(self):
+        """Ends all that was started and removes all that was made. Says where a sanitizer found something."""
+        reports = []
+        for process in (self.daemon, self.redis_server):
+            if process and process.running:
+                process.stop()
+            if process and process.stderr.exists():
+                reports += [line for line in process.stderr.read_text(errors="replace").splitlines()
+                            if _SANITIZER_REPORT.search(line)]
+        remove_bridge(BRIDGE)
+        for pattern in _LEFT_BEHIND:
+            for path in Path("/").glob(pattern[1:]):
+                shutil.rmtree(path) if path.is_dir() else path.unlink()
+        assert not reports, reports
+
+    # Redis
+
+    def start_redis(self):
+        arguments = ["redis-server", "--port", "0", "--unixsocket", str(REDIS_SOCKET), "--save", "", "--appendonly",
+                     "no", "--dir", str(REDIS_SOCKET.parent)]
+        self.redis_server = Process("redis-server", arguments, "/tmp/redis.err")
+        wait_for(self._redis_answers, "Redis answers")
+
+    def _redis_answers(self):
+        try:
+            return self.redis.ping()
+        except redis.RedisError:
+            return False
+
+    def stop_redis(self):
+        """All keys are gone with it."""
+        self.redis_server.stop()
+
+    @property
+    def redis(self):
+        return redis.Redis(unix_socket_path=str(REDIS_SOCKET))
+
+    def set_route(self, prefix, next_hop, metric=1, kind=1):
+        self.redis.set(route_key(prefix, next_hop, kind), metric)
+
+    def delete_route(self, prefix, next_hop, kind=1):
+        self.redis.delete(route_key(prefix, next_hop, kind))
+
+    # The daemon and its child
+
+    def start_daemon(self, **environment):
+        """Starts vyrwrap; arguments are added to its environment."""
+        environment = {**os.environ, "PATH": f"/korva/bin:{os.environ['PATH']}:/usr/sbin:/sbin",
+                       "DAL_URL": f"unix://{REDIS_SOCKET}", "KORVA_LOG": f"file:{LOG}", "KORVA_MAC": MAC,
+                       "KORVA_SERIAL": SERIAL, **environment}
+        self.daemon = Process("vyrwrap", ["/korva/bin/vyrwrap"], "/tmp/vyrwrap.err", environment)
+
+    @property
+    def errors(self):
+        """What vyrwrap and vyr print to their standard error."""
+        return LogFile("/tmp/vyrwrap.err")
+
+    def wait_ready(self, seconds=10):
+        """Waits until the daemon follows the static routes: a change from here on is noticed."""
+        wait_for(lambda: self.daemon.running and self.redis.pubsub_numpat() >= _OWN_PATTERNS, "vyrwrap has subscribed",
+                 seconds)
+
+    def vyr(self, seconds=LAUNCH_SECONDS):
+        """The process id of the routing daemon, once it runs."""
+        return self.daemon.child("vyr", seconds)
+
+    def bird(self, seconds=LAUNCH_SECONDS):
+        """The process id of BIRD under the routing daemon, once it runs."""
+        vyr = self.vyr(seconds)
+        return wait_for(lambda: child_of(vyr, "bird"), "vyr has a child bird")
+
+    def reload_at_once(self):
+        """Makes the routing daemon read its files now, without the daemon's quiet period."""
+        os.kill(self.vyr(), signal.SIGHUP)
+
+    # What can be seen
+
+    def static_file(self):
+        return STATIC_FILE.read_text(errors="replace") if STATIC_FILE.exists() else ""
+
+    def wait_static_file(self, text, present=True, seconds=10):
+        """Waits until the file that the daemon writes holds the text, or no longer does."""
+        wait_for(lambda: (text in self.static_file()) == present,
+                 f"{STATIC_FILE} {'holds' if present else 'no longer holds'} {text!r}", seconds)
+
+    def routes(self):
+        return kernel_routes()
+
+    def wait_route(self, prefix, via=(), metric=0, kind="unicast", seconds=LAUNCH_SECONDS + RELOAD_SECONDS):
+        """Waits until the kernel holds exactly this route for the prefix."""
+        wanted = (kind, metric, sorted(via))
+
+        def held():
+            return [(route.type, route.metric, sorted(route.via)) for route in kernel_routes().get(prefix, [])]
+
+        wait_for(lambda: held() == [wanted], lambda: f"the kernel holds {prefix} {wanted}; it holds {held()}", seconds,
+                 every=0.05)
+
+    def wait_no_route(self, prefix, seconds=RELOAD_SECONDS):
+        wait_for(lambda: prefix not in kernel_routes(), f"the kernel no longer holds {prefix}", seconds, every=0.05)
+
+    def vyrc(self, *words):
+        """Runs the routing daemon's client; its output."""
+        return subprocess.run(["/korva/bin/vyrc", *words], check=True, capture_output=True, text=True, timeout=20).stdout
+
+
+__all__ = ["AccessPoint", "Process", "child_of", "is_running", "route_key", "wait_for"]
