@@ -23,12 +23,18 @@
 #include "lab/vyr/bird.h"
 #include "lab/vyr/kernel_routes.h"
 #include "lab/vyr/prepare.h"
+#include "lab/vyr/sockets.h"
 
 namespace {
 
 constexpr int kNoVlanAddress = 100;
 constexpr int kUsage = 2;
 constexpr std::chrono::seconds kAnswerLimit{10};
+constexpr std::chrono::seconds kExportLimit{8};  // the daemon waits for 10
+constexpr int kLimitCheckMs = 1000;
+constexpr const char *kDataSocket = "/tmp/bird_data_exp.ctl";
+
+using Clock = std::chrono::steady_clock;
 
 struct Front {
     std::string config = "/tmp/vyr.conf";
@@ -36,6 +42,9 @@ struct Front {
     std::string stock;  ///< the translated file
     pid_t bird = -1;
     std::vector<vyr::RouteKey> routes;
+    std::optional<uint32_t> max_prefixes;
+    vyr::DataSocket data;
+    vyr::LimitReport limit{.path = "/tmp/bird_event_exp.ctl"};
     bool answered = false;  ///< BIRD has been heard on its control socket
 };
 
@@ -72,7 +81,6 @@ bool parse_arguments(int argc, char **argv, Front &front) {
 
 /** BIRD catches SIGHUP from its first answer on. Polls, as there is nothing to wait on before its socket is there. */
 void await_bird(Front &front) {
-    using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + kAnswerLimit;
     while (!front.answered && Clock::now() < deadline) {
         siginfo_t ended{};
@@ -120,6 +128,7 @@ void reload(Front &front) {
     auto routes = vyr::route_keys(*translation);
     remove_replaced_routes(front, routes);
     front.routes = std::move(routes);
+    front.max_prefixes = translation->max_prefixes;
 }
 
 /** Ends this process the way BIRD ended. */
@@ -167,18 +176,42 @@ int start(Front &front) {
     if (!translation)
         return EXIT_FAILURE;
     front.routes = vyr::route_keys(*translation);
+    front.max_prefixes = translation->max_prefixes;
     remove_left_behind(front.routes);
+    vyr::open_data_socket(front.data, kDataSocket);
     front.bird = vyr::start_bird(front.stock, front.control_socket);
     if (front.bird < 0)
         fprintf(stderr, "vyr: cannot start BIRD: %s\n", strerror(errno));
     return front.bird < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
+void check_limit(Front &front) {
+    if (!front.max_prefixes)
+        return;
+    const auto reply = vyr::ask_bird(front.control_socket, "show route count", kExportLimit);
+    const auto routes = reply ? vyr::parse_route_count(*reply) : std::nullopt;
+    if (routes)
+        vyr::report_limit(front.limit, *routes, *front.max_prefixes);
+}
+
 [[noreturn]] void run(Front &front, int signals) {
+    const auto ask = [&front](const std::string &command) {
+        return vyr::ask_bird(front.control_socket, command, kExportLimit);
+    };
+    auto next_check = Clock::now();
     for (;;) {
+        std::vector<pollfd> waits{{signals, POLLIN, 0}};
+        vyr::add_waits(front.data, waits);
+        const int ready = poll(waits.data(), waits.size(), kLimitCheckMs);
         signalfd_siginfo info{};
-        if (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+        if (ready > 0 && waits[0].revents != 0 && read(signals, &info, sizeof info) > 0)
             handle_signal(front, info.ssi_signo);
+        if (ready > 0)
+            vyr::serve(front.data, waits, ask);
+        if (Clock::now() >= next_check) {
+            check_limit(front);
+            next_check = Clock::now() + std::chrono::milliseconds(kLimitCheckMs);
+        }
     }
 }
 
