@@ -95,7 +95,7 @@ std::string select_entries(const std::string &reply, uint32_t offset, uint32_t c
     uint64_t entry = 0;
     for (const std::string &line : reply_lines(reply)) {
         const bool continued = line.starts_with(' ') || line.starts_with('\t');
-        if (line.empty() || (!continued && line.starts_with("Table ")) || (!continued && line.starts_with("BIRD ")))
+        if (line.empty() || (!continued && line.starts_with("Table ")))
             continue;
         if (!continued) {
             whole = text.size();

@@ -1,8 +1,13 @@
 """What the system tests share."""
 
-import pytest
+import shutil
+from pathlib import Path
 
-from lab import AccessPoint
+import pytest
+from vyr_files import write_all
+
+from lab import AccessPoint, Process
+from network import ip
 
 
 @pytest.fixture
@@ -18,3 +23,29 @@ def access_point():
     with AccessPoint() as ap:
         ap.wait_ready()
         yield ap
+
+
+@pytest.fixture(name="lab")
+def fixture_lab(surroundings):
+    """The surroundings, with the files that vyr reads."""
+    shutil.copy("/etc/bird/vyr.conf", "/tmp/vyr.conf")
+    write_all()
+    yield surroundings
+
+
+@pytest.fixture(name="start")
+def fixture_start(lab):
+    """Starts vyr; a test may start several, one after the other."""
+    started = []
+
+    def start():
+        started.append(Process("vyr", ["/korva/bin/vyr", "-c", "/tmp/vyr.conf", "-s", "/tmp/vyr.ctl"], "/tmp/vyr.err"))
+        return started[-1]
+
+    yield start
+    for vyr in started:
+        if vyr.running:
+            vyr.kill()
+    ip("route", "flush", "proto", "bird")
+    report = Path("/tmp/vyr.err").read_text()
+    assert "Sanitizer" not in report and "runtime error" not in report, report

@@ -1,59 +1,16 @@
 """The front for stock BIRD alone, with configuration files as the daemon writes them."""
 
 import os
-import shutil
 import signal
 import time
 from pathlib import Path
 
 import pytest
 
-from lab import Process, is_running, wait_for
+from lab import is_running, wait_for
 from network import add_bridge, ip, remove_bridge
 from process import wait_until_gone
-
-LOG_LINE = 'log "/var/log/korvalog/NETWORK.log" 40960 "/var/log/korvalog/NETWORK.log.1" { warning, error, fatal };\n'
-APPLICATION = "protocol app {\n\t max_prefixes 512;\n\t ipv4 {\n\t\t export all;\n\t};\n}\n"
-
-
-def write_static(*routes):
-    """Renamed into place, as the daemon does it."""
-    new = Path("/tmp/vyr_static.conf.new")
-    new.write_text("protocol static {\n  ipv4;\n" + "".join(routes) + "}\n")
-    new.rename("/tmp/vyr_static.conf")
-
-
-def route(prefix, *hops, metric=1):
-    return f"  route {prefix} metric {metric} " + "\n      ".join(f"via {hop} " for hop in hops) + \
-        f"{{\n    krt_metric = {metric};\n    preference = 256;\n  }};\n"
-
-
-@pytest.fixture(name="lab")
-def fixture_lab(surroundings):
-    shutil.copy("/etc/bird/vyr.conf", "/tmp/vyr.conf")
-    Path("/tmp/vyr_log.conf").write_text(LOG_LINE)
-    Path("/tmp/vyr_app.conf").write_text(APPLICATION)
-    Path("/tmp/vyr_oap.conf").write_text("")
-    write_static(route("10.1.0.0/16", "192.168.10.2", metric=5))
-    yield surroundings
-
-
-@pytest.fixture(name="start")
-def fixture_start(lab):
-    """Starts vyr; a test may start several, one after the other."""
-    started = []
-
-    def start():
-        started.append(Process("vyr", ["/korva/bin/vyr", "-c", "/tmp/vyr.conf", "-s", "/tmp/vyr.ctl"], "/tmp/vyr.err"))
-        return started[-1]
-
-    yield start
-    for vyr in started:
-        if vyr.running:
-            vyr.kill()
-    ip("route", "flush", "proto", "bird")
-    report = Path("/tmp/vyr.err").read_text()
-    assert "Sanitizer" not in report and "runtime error" not in report, report
+from vyr_files import route, write_static
 
 
 def said(text):
