@@ -20,6 +20,7 @@ namespace {
 
 constexpr int kUncounted = 3;
 constexpr useconds_t kRestUs = 200;
+constexpr useconds_t kGlanceUs = 500; /**< many events are looked for at this distance: being woken by each disturbs */
 constexpr int kPatienceMs = 5000;
 
 constexpr char kUsage[] =
@@ -115,7 +116,10 @@ void forget_events(int watch_fd) {
 }
 
 void await_events(int watch_fd, uint32_t mask, const char *file, int count) {
+    const bool many = count > 1;
     while (count > 0) {
+        if (many)
+            usleep(kGlanceUs);
         pollfd input = {watch_fd, POLLIN, 0};
         if (poll(&input, 1, kPatienceMs) == 0) {
             fprintf(stderr, "measure: %s: nothing came for %d ms\n", file, kPatienceMs);

@@ -42,7 +42,8 @@ int watch(uint32_t mask);
 /** Forgets what a watch has gathered. */
 void forget_events(int watch_fd);
 
-/** Waits until a file of the watched folder has had `count` of the events in `mask`; ends the program after 5 s. */
+/** Waits until a file of the watched folder has had `count` of the events in `mask`, for many at a glance each 0.5 ms.
+ * Ends the program when nothing comes for 5 s. */
 void await_events(int watch_fd, uint32_t mask, const char *file, int count);
 
 std::string path_of(const char *file);

@@ -1,5 +1,6 @@
 // Static routes: from a key to the file.
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -61,9 +62,19 @@ int64_t time_changes(const Subject &subject, int watch_fd, int changes) {
     return taken;
 }
 
+/** To where the script stands that has put this program elsewhere: what is measured runs beside its Redis. */
+void move_to_processors_of(pid_t script) {
+    cpu_set_t processors;
+    if (sched_getaffinity(script, sizeof processors, &processors) < 0 ||
+        sched_setaffinity(0, sizeof processors, &processors) < 0)
+        die("affinity");
+}
+
 pid_t start_program(const char *program, const std::string &size) {
+    const pid_t script = getppid();
     const pid_t pid = fork();
     if (pid == 0) {
+        move_to_processors_of(script);
         dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
         execl(program, program, size.c_str(), nullptr);
         die(program);
