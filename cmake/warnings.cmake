@@ -7,3 +7,10 @@ target_compile_options(project_flags INTERFACE
 add_library(daemon_flags INTERFACE)
 target_link_libraries(daemon_flags INTERFACE project_flags)
 target_compile_options(daemon_flags INTERFACE -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections)
+
+# The release is built for size, except for the sources of `target`, in this folder, that render a whole file at each
+# change: for size the compiler copies short texts and divides by slow instructions, which doubles the time of a change.
+function(build_for_speed target)
+    set_source_files_properties(${ARGN} TARGET_DIRECTORY ${target} PROPERTIES
+        COMPILE_OPTIONS $<$<CONFIG:MinSizeRel>:-O2>)
+endfunction()
