@@ -6,8 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace vyr {
 
@@ -58,37 +60,51 @@ bool remove_one(int fd, const RouteKey &key) {
            recv(fd, &answer, sizeof answer, 0) > 0 && answer.head.nlmsg_type == NLMSG_ERROR && answer.error.error == 0;
 }
 
+/** A copy of what the bytes begin with; zero when they are too few. */
+template <typename Record>
+Record record_at(std::string_view bytes) {
+    Record record{};
+    if (bytes.size() >= sizeof record)
+        memcpy(&record, bytes.data(), sizeof record);
+    return record;
+}
+
+/** The rest behind a record of that length, padding included. */
+std::string_view behind(std::string_view bytes, size_t length) {
+    static_assert(NLMSG_ALIGNTO == RTA_ALIGNTO);
+    return bytes.substr(std::min<size_t>(bytes.size(), NLMSG_ALIGN(length)));
+}
+
 /** The route as a key when it is BIRD's. */
-std::optional<RouteKey> key_of(const nlmsghdr *message) {
-    const auto *route = static_cast<const rtmsg *>(NLMSG_DATA(message));
-    if (route->rtm_table != RT_TABLE_MAIN || route->rtm_protocol != RTPROT_BIRD)
+std::optional<RouteKey> key_of(std::string_view message) {
+    const auto route = record_at<rtmsg>(message);
+    if (route.rtm_table != RT_TABLE_MAIN || route.rtm_protocol != RTPROT_BIRD)
         return std::nullopt;
-    RouteKey key{0, route->rtm_dst_len, 0};
-    const char *place = reinterpret_cast<const char *>(route) + NLMSG_ALIGN(sizeof(rtmsg));
-    const char *end = reinterpret_cast<const char *>(message) + message->nlmsg_len;
-    while (end - place >= static_cast<std::ptrdiff_t>(sizeof(rtattr))) {
-        rtattr attribute;
-        uint32_t value = 0;
-        memcpy(&attribute, place, sizeof attribute);
-        if (attribute.rta_len == kAttributeLength)
-            memcpy(&value, place + RTA_LENGTH(0), sizeof value);
-        if (attribute.rta_type == RTA_DST)
-            key.address = ntohl(value);
-        if (attribute.rta_type == RTA_PRIORITY)
-            key.metric = value;
-        place += RTA_ALIGN(attribute.rta_len);
+    RouteKey key{0, route.rtm_dst_len, 0};
+    std::string_view attributes = behind(message, sizeof route);
+    while (attributes.size() >= sizeof(rtattr)) {
+        const auto attribute = record_at<Attribute>(attributes);
+        const auto head = record_at<rtattr>(attributes);
+        if (head.rta_len < sizeof(rtattr))
+            break;
+        if (head.rta_type == RTA_DST && head.rta_len == kAttributeLength)
+            key.address = ntohl(attribute.value);
+        if (head.rta_type == RTA_PRIORITY && head.rta_len == kAttributeLength)
+            key.metric = attribute.value;
+        attributes = behind(attributes, head.rta_len);
     }
     return key;
 }
 
 /** Adds the routes of one datagram. False when it was the last one. */
-bool add_routes(const char *data, size_t length, std::vector<RouteKey> &keys) {
-    auto *message = reinterpret_cast<const nlmsghdr *>(data);
-    for (; NLMSG_OK(message, length); message = NLMSG_NEXT(message, length)) {
-        if (message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR)
+bool add_routes(std::string_view datagram, std::vector<RouteKey> &keys) {
+    while (datagram.size() >= sizeof(nlmsghdr)) {
+        const auto head = record_at<nlmsghdr>(datagram);
+        if (head.nlmsg_type == NLMSG_DONE || head.nlmsg_type == NLMSG_ERROR || head.nlmsg_len < sizeof head)
             return false;
-        if (const auto key = key_of(message))
+        if (const auto key = key_of(behind(datagram.substr(0, head.nlmsg_len), sizeof head)))
             keys.push_back(*key);
+        datagram = behind(datagram, head.nlmsg_len);
     }
     return true;
 }
@@ -124,7 +140,7 @@ std::vector<RouteKey> kernel_routes_of_bird() {
     if (send(fd, &request, sizeof request, 0) > 0)
         for (ssize_t length = 1; length > 0;) {
             length = recv(fd, buffer.get(), kBufferSize, 0);
-            if (length > 0 && !add_routes(buffer.get(), static_cast<size_t>(length), keys))
+            if (length > 0 && !add_routes({buffer.get(), static_cast<size_t>(length)}, keys))
                 break;
         }
     close(fd);
