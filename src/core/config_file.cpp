@@ -88,20 +88,16 @@ ConfigFile *config_file_open(const char *path) {
     return file;
 }
 
-void config_file_put(ConfigFile *file, std::string_view text) {
-    config_file_put(file, std::initializer_list<std::string_view>{text});
+char *config_file_room(ConfigFile *file, size_t length) {
+    return reserve(file, length) ? file->text + file->length : nullptr;
 }
 
-void config_file_put(ConfigFile *file, std::initializer_list<std::string_view> texts) {
-    size_t length = 0;
-    for (const std::string_view text : texts)
-        length += text.size();
-    if (!reserve(file, length))
-        return;
-    for (const std::string_view text : texts) {
-        memcpy(file->text + file->length, text.data(), text.size());
-        file->length += text.size();
-    }
+void config_file_take(ConfigFile *file, size_t length) {
+    file->length += length;
+}
+
+void config_file_put(ConfigFile *file, std::string_view text) {
+    config_file_put_all(file, text);
 }
 
 void config_file_put_number(ConfigFile *file, unsigned number) {

@@ -6,7 +6,9 @@
  */
 #pragma once
 
-#include <initializer_list>
+#include <stddef.h>
+#include <string.h>
+
 #include <string_view>
 
 struct ConfigFile;
@@ -20,9 +22,26 @@ struct ConfigFile;
 
 /** Appends text. A failure is reported by the flush or close that follows. */
 void config_file_put(ConfigFile *file, std::string_view text);
-void config_file_put(ConfigFile *file, std::initializer_list<std::string_view> texts);
 void config_file_put_number(ConfigFile *file, unsigned number);
 void config_file_printf(ConfigFile *file, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+/** Room for `length` bytes behind what was appended, to be filled and then taken; NULL after a failure. */
+[[nodiscard]] char *config_file_room(ConfigFile *file, size_t length);
+void config_file_take(ConfigFile *file, size_t length);
+
+/**
+ * Appends several std::string_view, one behind the other. Always inline, as a constant text is a store or two then: a
+ * full route table has thousands of them, at each change.
+ */
+template <typename... Texts>
+[[gnu::always_inline]] inline void config_file_put_all(ConfigFile *file, Texts... texts) {
+    const size_t length = (texts.size() + ...);
+    char *at = config_file_room(file, length);
+    if (!at)
+        return;
+    ((memcpy(at, texts.data(), texts.size()), at += texts.size()), ...);
+    config_file_take(file, length);
+}
 
 /** Writes what was appended to the new file; the old one still stands. Returns 0, or -1 with errno set. */
 [[nodiscard]] int config_file_flush(ConfigFile *file);

@@ -163,25 +163,25 @@ bool is_drop(const NextHopTexts &next_hops) {
 
 void put_next_hop(ConfigFile *file, const NextHopText &hop) {
     if (hop.quoted)
-        config_file_put(file, {"via \""sv, hop.text, "\" "sv});
+        config_file_put_all(file, "via \""sv, hop.text, "\" "sv);
     else
-        config_file_put(file, {"via "sv, hop.text, " "sv});
+        config_file_put_all(file, "via "sv, hop.text, " "sv);
 }
 
 /** The block behind the last next hop; its lines stand further in where there are several next hops. */
 void put_attributes(ConfigFile *file, const RouteText &route, std::string_view indent) {
-    config_file_put(file, {"{\n"sv, indent, "krt_metric = "sv, route.metric, ";\n"sv});
+    config_file_put_all(file, "{\n"sv, indent, "krt_metric = "sv, route.metric, ";\n"sv);
     if (!route.preference.empty())
-        config_file_put(file, {indent, "preference = "sv, route.preference, ";\n"sv});
+        config_file_put_all(file, indent, "preference = "sv, route.preference, ";\n"sv);
     config_file_put(file, "  };\n"sv);
 }
 
 void put_route(ConfigFile *file, const RouteText &route, const NextHopTexts &next_hops) {
     if (is_drop(next_hops)) {
-        config_file_put(file, {"  route "sv, route.dest, "/"sv, route.length, " drop;\n"sv});
+        config_file_put_all(file, "  route "sv, route.dest, "/"sv, route.length, " drop;\n"sv);
         return;
     }
-    config_file_put(file, {"  route "sv, route.dest, "/"sv, route.length, " metric "sv, route.metric, " "sv});
+    config_file_put_all(file, "  route "sv, route.dest, "/"sv, route.length, " metric "sv, route.metric, " "sv);
     put_next_hop(file, next_hops.hops[0]);
     for (size_t i = 1; i < next_hops.count; i++) {
         config_file_put(file, "\n      "sv);

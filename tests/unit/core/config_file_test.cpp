@@ -25,7 +25,7 @@ TEST_F(ConfigFileTest, ReplacesTheFileOnlyWhenItIsClosed) {
     ASSERT_NE(file, nullptr);
     config_file_put(file, "new ");
     config_file_put_number(file, 42);
-    config_file_put(file, {" and ", "", "more"});
+    config_file_put_all(file, std::string_view(" and "), std::string_view(""), std::string_view("more"));
     config_file_printf(file, " %s\n", "text");
     ASSERT_EQ(config_file_flush(file), 0);
     EXPECT_EQ(fake::read_file(kPath), "old\n");
