@@ -1,9 +1,11 @@
 #include "linux/process.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <malloc.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -30,12 +32,20 @@ void keep_freed_memory() {
     mallopt(M_TRIM_THRESHOLD, kMostKept);
 }
 
+/** Whoever started the process may have left descriptors open: they are not for its children. */
+void keep_inherited_descriptors_to_us() {
+#ifdef SYS_close_range
+    syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // not in kernels before 5.11
+#endif
+}
+
 }  // namespace
 
 int prepare_process() {
     keep_freed_memory();
     if (open_stdio() < 0)
         return -1;
+    keep_inherited_descriptors_to_us();
     umask(S_IWGRP | S_IWOTH);
     signal(SIGPIPE, SIG_IGN);
     sigset_t child;

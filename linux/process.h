@@ -4,7 +4,8 @@
 #pragma once
 
 /**
- * Opens /dev/null on each of 0, 1 and 2 that is closed, so that nothing else ever lands there; sets the umask to 022;
+ * Opens /dev/null on each of 0, 1 and 2 that is closed, so that nothing else lands there; makes inherited descriptors
+ * close-on-exec where the kernel can; sets the umask to 022;
  * ignores SIGPIPE, so that a peer that went away is an error return; blocks SIGCHLD, which the Dispatcher lets
  * through. To be called first in main. Returns 0, or -1 when a standard descriptor cannot be opened.
  */

@@ -49,10 +49,15 @@ void *HashGet(HashTable *table, int operation);
 uint32_t HashCount(const HashTable *table);
 void *HashFind(HashTable *table, int key); /**< in a table keyed by numbers: the value, or NULL */
 
-/** Runs a shell command and does not wait for it. Commands run one at a time, in the order given. */
+/**
+ * Runs a shell command, as a direct child that the SIGCHLD handler reaps, and does not wait for it. Commands run one at
+ * a time, in the order given, while the loop runs; one equal to the last one still waiting is not queued again. Only so
+ * many wait (16 on Linux): the oldest is left out then, with a message. A command finds the device's own programs
+ * ("/korva/bin") first in its PATH, no descriptor but 0 to 2, an empty signal mask and default dispositions.
+ */
 void execute_command(const char *command);
 
-/** Runs a shell command and waits for it. Returns its wait status, -1 when it could not be started. */
+/** Runs such a command at once and waits for it alone. Returns its wait status, -1 when it could not be started. */
 int execute_command_status(const char *command);
 
 /** An IPv4 address text as inet_aton accepts it, in host byte order ("10.1.2.3" is 0x0A010203); 0 for any other text.
@@ -62,7 +67,7 @@ uint32_t str_to_ip(const char *text);
 /** The dotted text of an address as str_to_ip returns it, into `text` of `size` bytes (16 hold any). Returns `text`. */
 char *ip_to_str(uint32_t ip, char *text, size_t size);
 
-/** Reads "aa:bb:cc:dd:ee:ff" into 6 bytes. Returns 0, or -1 and six zero bytes for any other text. */
+/** Reads "aa:bb:cc:dd:ee:ff", two digits each, into 6 bytes. Returns 0, or -1 and six zero bytes for any other text. */
 int str_to_mac(const char *text, uint8_t *mac);
 
 /**
@@ -71,11 +76,17 @@ int str_to_mac(const char *text, uint8_t *mac);
  */
 char *korva_ip_to_str_hton(const void *address, char *text, size_t size);
 
-/** The device's MAC address, `size` (6) bytes. The selector is the platform's scratch value, `flag` is 0. 0 on success.
+/**
+ * The device's MAC address, `size` (6) bytes. The selector is the platform's scratch value, `flag` is 0. 0 on success.
+ * On Linux: KORVA_MAC, else the address of the Ethernet interface of the lowest index.
  */
 int get_mac_addr(uint8_t *mac, int size, void *selector, int flag);
 
-/** The device's serial number as text, cut to `size` - 1 characters and terminated. 0 on success. */
+/**
+ * The device's serial number as text, cut to `size` - 1 characters and terminated. 0 on success.
+ * On Linux: KORVA_SERIAL, else the first of the board's, the product's, the device tree's and the installation's
+ * (/etc/machine-id) that is one: 1 to 63 printable characters without blanks, quotes and backslashes.
+ */
 int get_ap_serial_num(char *text, int size);
 
 #ifdef __cplusplus

@@ -2,7 +2,12 @@
  * The platform's logging library: per-module levels, a shared format buffer, one emitting function.
  *
  * Levels are syslog's: 3 error, 4 warning, 6 information, 7 debug. A message is emitted when its level is not above
- * its module's.
+ * its module's: the caller looks that up, _korvaNewLogWithFltr writes whatever it is given.
+ *
+ * On Linux KORVA_LOG says where messages go: "syslog" (the default), "stderr" or "file:/path". The latter two get one
+ * line each, `LEVEL MODULE ID TEXT`, with control characters as C escapes and cut to 4096 bytes; a reader that does not
+ * keep up loses lines, and the number of those lost is logged. The same message more than 100 times running within a
+ * second is counted from then on, and the count logged.
  */
 #pragma once
 
@@ -42,10 +47,13 @@ typedef struct korvaLevelChange {
     uint8_t reserved[284];
 } korvaLevelChange;
 
-/** Sets logging up for the program `name`, component `component`, at `level`. 0 on success. */
+/** Sets logging up, or anew, for the program `name`, component `component`, at `level`. 0 on success. */
 int korvaLogInit(int component, const char *name, int level);
 
-/** Carries out a level change. 0 on success. */
+/**
+ * Carries out a level change, for every module of the same facility as the one named. 0 on success; -1, and nothing
+ * changed, for an unknown operation, module or level.
+ */
 int korvaChangeLglvl(const korvaLevelChange *request);
 
 /** Emits one message. `wrapper` goes along for the platform's own use; `text` is the message as it stands. */
