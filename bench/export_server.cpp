@@ -60,6 +60,7 @@ bool serve(int fd, const std::vector<std::string> &frames) {
 
 int main() {
     std::vector<std::string> frames;
+    frames.reserve(std::size(kExportAnswers));
     for (const ExportAnswer &answer : kExportAnswers)
         frames.push_back(frame_of(answer.body_size));
     std::vector<pollfd> inputs = {{listen_for_clients(), POLLIN, 0}};

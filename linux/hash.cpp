@@ -59,7 +59,7 @@ Entry **find_link(const HashTable *table, const char *name, int number) {
 /** Doubles the buckets; without memory the table goes on with those that it has. */
 void grow(HashTable *table) {
     const uint32_t bucket_count = table->bucket_count * 2;
-    auto **buckets = static_cast<Entry **>(calloc(bucket_count, sizeof(Entry *)));
+    auto **buckets = static_cast<Entry **>(calloc(bucket_count, sizeof(void *)));
     if (!buckets)
         return;
     for (Entry *entry = table->oldest; entry; entry = entry->newer) {
@@ -108,7 +108,7 @@ HashTable *_HashCreate(uint32_t size_hint) {
     if (!table)
         return nullptr;
     table->bucket_count = size_hint ? size_hint : 1;
-    table->buckets = static_cast<Entry **>(calloc(table->bucket_count, sizeof(Entry *)));
+    table->buckets = static_cast<Entry **>(calloc(table->bucket_count, sizeof(void *)));
     if (!table->buckets) {
         free(table);
         return nullptr;

@@ -31,7 +31,7 @@ constexpr char kOptions[] =
     "At the end of standard input it goes on receiving. SIGTERM and SIGINT end it as quit does: its socket is "
     "removed.\n";
 
-constexpr size_t kLongestDatagram = 128 * 1024;
+constexpr size_t kLongestDatagram = size_t{128} * 1024;
 
 struct Application {
     std::string own_path = "/tmp/.sock/RoutingProtocols_APP_CMN.sock";

@@ -127,8 +127,7 @@ void translate_route(const Statement &statement, Translation &translation) {
     if (target.empty())
         return;
     const std::string name = route->prefix + target;
-    translation.pieces.push_back(
-        {PieceKind::kRoute, "  route " + name + block_text(*route) + ";\n", name, std::move(route->key)});
+    translation.pieces.push_back({PieceKind::kRoute, "  route " + name + block_text(*route) + ";\n", name, route->key});
 }
 
 }  // namespace vyr

@@ -80,9 +80,11 @@ void translate_statement(const Statement &statement, const std::string &path, co
                          Translation &translation) {
     const auto tokens = statement.tokens;
     const bool has_string = tokens.size() > 1 && tokens[1].kind == TokenKind::kString;
-    if (!statement.complete)
+    if (!statement.complete) {
         add_text(translation, std::string(text_of(tokens)));
-    else if (begins_with(tokens, {"include"}) && has_string && tokens.size() == 3)
+        return;
+    }
+    if (begins_with(tokens, {"include"}) && has_string && tokens.size() == 3)
         translate_include(statement, path, files, depth, translation);
     else if (begins_with(tokens, {"protocol", "static"}) && !block_of(statement).empty())
         translate_static(statement, translation);
