@@ -1,5 +1,6 @@
-"""The main job on real input: from a key in Redis to a route in a kernel."""
+"""The main job on real input: from keys in Redis to routes in a kernel and records at a routing application."""
 
+import demo_application
 import demo_routes
 from lab import AccessPoint
 from story import Story
@@ -11,6 +12,8 @@ def main():
         demo_routes.first_route(story, ap)
         demo_routes.changes(story, ap)
         demo_routes.at_once(story, ap)
+        for chapter in demo_application.CHAPTERS:
+            chapter(story, ap)
         demo_routes.bad_routes(story, ap)
         demo_routes.redis_lost(story, ap)
         demo_routes.routing_daemon_killed(story, ap)

@@ -15,6 +15,8 @@ from pathlib import Path
 
 import redis
 
+from application import OUTPUT, Application
+from application_keys import ApplicationKeys
 from logfile import LogFile
 from network import add_bridge, kernel_routes, raise_queue_length, remove_bridge
 from process import Process, child_of, is_running
@@ -43,7 +45,8 @@ RELOAD_SECONDS = 20
 # Route export, static routes, redistributed VLANs: what is subscribed to before the static routes are read.
 _OWN_PATTERNS = 3
 
-_LEFT_BEHIND = ["/tmp/vyr*", "/tmp/.vyrwrap*", "/tmp/.sock", "/tmp/bird_*_exp.ctl", "/run/lab", "/tmp/redis.err"]
+_LEFT_BEHIND = ["/tmp/vyr*", "/tmp/.vyrwrap*", "/tmp/.sock", "/tmp/bird_*_exp.ctl", "/run/lab", "/tmp/redis.err",
+                str(OUTPUT)]
 _SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 
 
@@ -53,7 +56,7 @@ def route_key(prefix, next_hop, kind=1):
     return f"/op/staticroute/{{{interface.ip}:{interface.netmask}:{kind}:{next_hop}}}"
 
 
-class AccessPoint:
+class AccessPoint(ApplicationKeys):
     """One at a time in a sandbox. As a context manager it is set up and started, and ended with all that it made."""
 
     def __init__(self, start=True):
@@ -62,6 +65,7 @@ class AccessPoint:
         self.redis_server = None
         self.daemon = None
         self.log = LogFile(LOG)
+        self.application = Application(self.log)
 
     def __enter__(self):
         try:
@@ -98,7 +102,7 @@ class AccessPoint:
     def close(self):
         """Ends all that was started and removes all that was made. Says where a sanitizer found something."""
         reports = []
-        for process in (self.daemon, self.redis_server):
+        for process in (self.daemon, self.redis_server, self.application.process):
             if process and process.running:
                 process.stop()
             if process and process.stderr.exists():
@@ -179,6 +183,14 @@ class AccessPoint:
         """Waits until the file that the daemon writes holds the text, or no longer does."""
         wait_for(lambda: (text in self.static_file()) == present,
                  f"{STATIC_FILE} {'holds' if present else 'no longer holds'} {text!r}", seconds)
+
+    def overlay_file(self):
+        return OVERLAY_FILE.read_text(errors="replace") if OVERLAY_FILE.exists() else ""
+
+    def wait_overlay_file(self, wanted, seconds=10):
+        """Waits until the overlay's file is exactly this text."""
+        wait_for(lambda: self.overlay_file() == wanted,
+                 lambda: f"{OVERLAY_FILE} is {wanted!r}; it is {self.overlay_file()!r}", seconds)
 
     def routes(self):
         return kernel_routes()

@@ -9,14 +9,15 @@ from wait import wait_for
 
 
 class Process:
-    """A program that was started. Its standard error goes to a file."""
+    """A program that was started. What it prints goes to a file."""
 
-    def __init__(self, name, arguments, stderr, environment=None):
+    def __init__(self, name, arguments, stderr, environment=None, commands=False):
+        """With `commands` its standard input is a pipe that `write` fills."""
         self.name = name
         self.stderr = Path(stderr)
         with self.stderr.open("ab") as errors:
-            self._popen = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors,
-                                           env=environment, start_new_session=True)
+            self._popen = subprocess.Popen(arguments, stdin=subprocess.PIPE if commands else subprocess.DEVNULL,
+                                           stdout=errors, stderr=errors, env=environment, start_new_session=True)
 
     @property
     def pid(self):
@@ -25,6 +26,10 @@ class Process:
     @property
     def running(self):
         return self._popen.poll() is None
+
+    def write(self, line):
+        self._popen.stdin.write(f"{line}\n".encode())
+        self._popen.stdin.flush()
 
     def signal(self, number):
         if self.running:

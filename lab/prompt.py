@@ -15,6 +15,7 @@ HELP = f"""The lab runs: Redis, vyrwrap, and in about 10 s the routing daemon un
   ip route                         what the kernel holds
   redis-cli del '/op/staticroute/{{10.1.0.0:255.255.0.0:1:192.168.10.2}}'
   tail -f {LOG} /tmp/vyrwrap.err   the logs: vyrwrap's, and what it and vyr print
+  rpapp                            the routing application's end of the link; type "help" there
   redis-cli set /op/syslog/facility/network/level debug    vyrwrap tells everything
 
 "exit" ends the lab and all that runs in it.
