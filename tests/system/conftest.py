@@ -4,6 +4,7 @@ import shutil
 from pathlib import Path
 
 import pytest
+from link_records import Told
 from vyr_files import write_all
 
 from lab import AccessPoint, Process
@@ -23,6 +24,19 @@ def access_point():
     with AccessPoint() as ap:
         ap.wait_ready()
         yield ap
+
+
+@pytest.fixture
+def link(access_point):
+    """An access point whose daemon tells a routing application of all changes."""
+    access_point.application.start()
+    access_point.application.follow_all()
+    return access_point
+
+
+@pytest.fixture
+def told(link):
+    return Told(link)
 
 
 @pytest.fixture(name="lab")
