@@ -10,6 +10,7 @@ import os
 import re
 import shutil
 import signal
+import struct
 import subprocess
 from pathlib import Path
 
@@ -20,6 +21,7 @@ from application_keys import ApplicationKeys
 from logfile import LogFile
 from network import add_bridge, kernel_routes, raise_queue_length, remove_bridge
 from process import Process, child_of, is_running
+from subscriber import Subscriber
 from wait import wait_for
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -35,7 +37,13 @@ REDIS_SOCKET = Path("/run/lab/redis.sock")
 STATIC_FILE = Path("/tmp/vyr_static.conf")
 OVERLAY_FILE = Path("/tmp/vyr_oap.conf")
 LOG_CONFIG_FILE = Path("/tmp/vyr_log.conf")
+EXPORT_FILE = Path("/tmp/.vyrwrap_mrt")
 LOG = Path("/tmp/vyrwrap.log")
+
+LEVEL_KEY = "/op/syslog/facility/network/level"
+VYR_LEVEL_KEY = "/op/vyr/logging/vyr_log_level"
+EXPORT_CHANNEL = "/ipc/event/vyrwrap/mrt"
+LIMIT_CHANNEL = "/event/ap/route_limit"
 
 # The daemon launches the routing daemon on its second timer run, and reloads it on the second one after a change; the
 # timer runs every 5 s. Some room is left for a busy machine.
@@ -46,7 +54,7 @@ RELOAD_SECONDS = 20
 _OWN_PATTERNS = 3
 
 _LEFT_BEHIND = ["/tmp/vyr*", "/tmp/.vyrwrap*", "/tmp/.sock", "/tmp/bird_*_exp.ctl", "/run/lab", "/tmp/redis.err",
-                str(OUTPUT)]
+                str(OUTPUT), "/tmp/name"]
 _SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 
 
@@ -139,8 +147,20 @@ class AccessPoint(ApplicationKeys):
     def set_route(self, prefix, next_hop, metric=1, kind=1):
         self.redis.set(route_key(prefix, next_hop, kind), metric)
 
+    def run_timer_at_once(self):
+        """Makes the daemon do what its timer does: a change of a default route does not wait."""
+        self.redis.set(route_key("0.0.0.0/0", "192.168.10.254"), int(self.redis.incr("/lab/timer")) % 255 + 1)
+
     def delete_route(self, prefix, next_hop, kind=1):
         self.redis.delete(route_key(prefix, next_hop, kind))
+
+    def ask_export(self, kind, more=b""):
+        """Asks for an export over the DAL. The type is a number, or the message's bytes."""
+        data = kind if isinstance(kind, bytes) else struct.pack("=I", kind)
+        return self.redis.publish(EXPORT_CHANNEL, data + more)
+
+    def subscribe(self, channel):
+        return Subscriber(self.redis, channel)
 
     # The daemon and its child
 

@@ -2,6 +2,7 @@
 
 import socket
 import struct
+from typing import NamedTuple
 
 SUCCESS = 2
 ROUTE_LIMIT = 73
@@ -38,10 +39,49 @@ def decode(data):
     return members
 
 
+def encode(members):
+    """A message, packed from {member: number or bytes}."""
+    packed = b""
+    for member, value in members.items():
+        if isinstance(value, int):
+            packed += _varint(member << 3) + _varint(value)
+        else:
+            packed += _varint(member << 3 | 2) + _varint(len(value)) + value
+    return packed
+
+
 def request(code, offset=0, count=640):
     """An export request as the daemon sends it."""
-    return b"".join(bytes([tag << 3]) + _varint(value) for tag, value in ((1, code), (2, offset), (3, count), (4, 1))) + \
-        b"\x2a\x00\x30\x00"
+    return encode({1: code, 2: offset, 3: count, 4: 1, 5: b"", 6: 0})
+
+
+def frame(body):
+    """An answer on the data socket: the length, which counts its own bytes, and the body."""
+    return struct.pack("=I", len(body) + 4) + body
+
+
+def limit_report(event, route_count, max_routes):
+    """What the routing daemon sends to the event socket when it holds too many routes."""
+    return encode({1: ROUTE_LIMIT, 4: encode({1: event, 2: route_count, 3: max_routes})})
+
+
+class LimitEvent(NamedTuple):
+    """A route-limit event as it is published on the DAL."""
+
+    event_id: int
+    has_payload: int
+    device_name: str
+    event: int
+    route_count: int
+    max_routes: int
+
+
+def decode_limit_event(data):
+    """The envelope, and the platform event within. Its last byte carries nothing."""
+    event_id, has_payload = struct.unpack_from("=HB", data)
+    members = decode(data[3:-1])
+    limit = decode(members[5])
+    return LimitEvent(event_id, has_payload, decode(members[1]).get(3, b"").decode(), limit[1], limit[2], limit[3])
 
 
 class DataSocket:

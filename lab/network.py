@@ -42,6 +42,16 @@ def raise_queue_length(length):
     Path("/proc/sys/net/unix/max_dgram_qlen").write_text(f"{length}\n")
 
 
+def add_foreign_routes(count):
+    """Routes in the kernel that are not BIRD's: it learns them."""
+    lines = "".join(f"route add 172.16.{n // 256}.{n % 256}/32 via 192.168.10.9\n" for n in range(count))
+    subprocess.run(["ip", "-batch", "-"], input=lines, text=True, check=True)
+
+
+def remove_foreign_routes():
+    ip("route", "flush", "root", "172.16.0.0/16", "proto", "boot")
+
+
 def kernel_routes():
     """BIRD's routes in the kernel: a list of routes for each destination, "0.0.0.0/0" for the default route."""
     shown = subprocess.run(MAIN_TABLE_OF_BIRD, check=True, capture_output=True, text=True).stdout

@@ -90,6 +90,13 @@ def descriptors(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
 
+def processor_seconds(pid):
+    """The processor time that a process has used."""
+    text = Path(f"/proc/{pid}/stat").read_text(errors="replace")
+    user, system = text[text.rindex(")") + 2:].split()[11:13]
+    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+
 def resident_kib(pid):
     for line in Path(f"/proc/{pid}/status").read_text().splitlines():
         if line.startswith("VmRSS:"):

@@ -2,13 +2,13 @@
 
 import os
 import socket
-import subprocess
 from pathlib import Path
 
 import pytest
 
 from lab import is_running, wait_for
 from messages import ROUTE_LIMIT, SUCCESS, DataSocket, decode, request
+from network import add_foreign_routes
 from vyr_files import route, write_static
 
 EVENT_SOCKET = "/tmp/bird_event_exp.ctl"
@@ -88,13 +88,8 @@ def fixture_events(lab):
     listener.close()
 
 
-def add_kernel_routes(count):
-    lines = "".join(f"route add 172.16.{n // 256}.{n % 256}/32 via 192.168.10.9\n" for n in range(count))
-    subprocess.run(["ip", "-batch", "-"], input=lines, text=True, check=True)
-
-
 def test_reports_more_routes_than_the_limit_once(events, lab, vyr):
-    add_kernel_routes(600)
+    add_foreign_routes(600)
     connection, _ = events.accept()
     connection.settimeout(10)
     message = decode(connection.recv(1 << 20))
@@ -110,7 +105,7 @@ def test_reports_more_routes_than_the_limit_once(events, lab, vyr):
 
 def test_reports_nothing_at_the_limit(events, lab, vyr):
     held = int(lab.vyrc("show", "route", "count").split("routes for ")[1].split()[0])
-    add_kernel_routes(512 - held)
+    add_foreign_routes(512 - held)
     wait_for(lambda: "for 512 networks in table master4" in lab.vyrc("show", "route", "count"), "512 routes in BIRD", 20)
     events.settimeout(2.5)
     with pytest.raises(TimeoutError):
