@@ -76,4 +76,4 @@ def _quiet(lines):
     assert not [line for line in lines if line.startswith(("6 ", "7 "))], lines
 
 
-CHAPTERS = (export, route_limit)
+CHAPTERS = [export, route_limit]

@@ -154,10 +154,10 @@ class AccessPoint(ApplicationKeys):
     def delete_route(self, prefix, next_hop, kind=1):
         self.redis.delete(route_key(prefix, next_hop, kind))
 
-    def ask_export(self, kind, more=b""):
+    def ask_export(self, kind):
         """Asks for an export over the DAL. The type is a number, or the message's bytes."""
         data = kind if isinstance(kind, bytes) else struct.pack("=I", kind)
-        return self.redis.publish(EXPORT_CHANNEL, data + more)
+        self.redis.publish(EXPORT_CHANNEL, data)
 
     def subscribe(self, channel):
         return Subscriber(self.redis, channel)

@@ -4,10 +4,11 @@ import shutil
 from pathlib import Path
 
 import pytest
+import stand_in
 from link_records import Told
 from vyr_files import write_all
 
-from lab import AccessPoint, Process
+from lab import LEVEL_KEY, AccessPoint, Process
 from network import ip
 
 
@@ -37,6 +38,20 @@ def link(access_point):
 @pytest.fixture
 def told(link):
     return Told(link)
+
+
+@pytest.fixture
+def without_vyr():
+    """An access point whose daemon tells everything and whose routing daemon does nothing: its sockets are the
+    test's."""
+    with AccessPoint(start=False) as ap:
+        stand_in.install_idle()
+        ap.start_redis()
+        ap.redis.set(LEVEL_KEY, "debug")
+        ap.start_daemon()
+        ap.wait_ready()
+        ap.log.wait("<VYRWRAP>: Dirty flag set at main")
+        yield ap
 
 
 @pytest.fixture(name="lab")
