@@ -58,7 +58,8 @@ class Application:
         return self.output.wait(answer, mark)
 
     def replay(self, what):
-        """Asks for all "tunnels", "vlans" or "clusters"."""
+        """Asks for all "tunnels", "vlans" or "clusters", as soon as the daemon listens."""
+        wait_for(_daemon_listens, "the daemon listens")
         self.command(f"replay {what}", "sent ")
 
     def follow_all(self):
@@ -74,6 +75,7 @@ class Application:
         self._daemon_log.wait(f"Unexpected msgType({family})")
 
     def send(self, datagram):
+        wait_for(_daemon_listens, "the daemon listens")
         self.command(f"send {datagram.hex()}", f"sent {len(datagram)} bytes")
 
     def stop_reading(self):
@@ -101,6 +103,15 @@ class Application:
                  lambda: f"rpapp receives {wanted[-1]!r}; it received {self.records(since)}", seconds)
         received = self.records(since)
         assert received == wanted, _first_difference(received, wanted)
+
+
+def _daemon_listens():
+    """Its socket is the last thing that it opens; a stale one refuses."""
+    try:
+        with Stranger():
+            return True
+    except OSError:
+        return False
 
 
 def _first_difference(received, wanted):
