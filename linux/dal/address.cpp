@@ -1,7 +1,6 @@
 #include "linux/dal/address.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -11,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/descriptor.h"
 #include "linux/platform_log.h"
 
 namespace dal {
@@ -55,26 +55,19 @@ bool parse_host_and_port(const char *text, Address *address) {
     return *colon == ':' && parse_port(colon + 1, address);
 }
 
-/** A descriptor's flags beyond those that socket() sets; 0 to 2 are left to the standard streams. */
-int prepare(int fd, int family) {
-    if (fd >= 0 && fd <= STDERR_FILENO) {
-        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        close(fd);
-        fd = moved;
-    }
+/** Without them a publication waits for the one before, and a peer that lost its power is never missed. */
+void set_tcp_options(int fd) {
     const int on = 1;
-    if (fd >= 0 && family != AF_UNIX) {
-        // Without them a publication waits for the one before, and a peer that lost its power is never missed.
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    }
-    return fd;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
 }
 
 int begin(int family, const sockaddr *where, socklen_t length) {
-    const int fd = prepare(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), family);
+    const int fd = move_above_stdio(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0)
         return -1;
+    if (family != AF_UNIX)
+        set_tcp_options(fd);
     if (connect(fd, where, length) == 0 || errno == EINPROGRESS)
         return fd;
     const int error = errno;
@@ -93,29 +86,43 @@ int connect_unix(const Address *address, const char **reason) {
     return fd;
 }
 
-int connect_tcp(Address *address, const char **reason) {
+/** Looks the host up, the first time only that this succeeds. */
+bool look_up(Address *address, const char **reason) {
+    if (address->found_count > 0)
+        return true;
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
-    addrinfo *found = nullptr;
-    const int error = getaddrinfo(address->host, address->port, &hints, &found);
+    addrinfo *list = nullptr;
+    const int error = getaddrinfo(address->host, address->port, &hints, &list);
     if (error != 0) {
         *reason = gai_strerror(error);
-        return -1;
+        return false;
     }
-    unsigned count = 0;
-    for (const addrinfo *each = found; each; each = each->ai_next)
-        count++;
-    const addrinfo *each = found;
-    for (unsigned skip = address->attempts++ % count; skip > 0; skip--)
-        each = each->ai_next;
+    for (const addrinfo *each = list; each && address->found_count < kMostFound; each = each->ai_next) {
+        FoundAddress *found = &address->found[address->found_count];
+        if (each->ai_addrlen > sizeof found->where)
+            continue;
+        memcpy(&found->where, each->ai_addr, each->ai_addrlen);
+        found->length = each->ai_addrlen;
+        address->found_count++;
+    }
+    freeaddrinfo(list);
+    *reason = "the host has no address that can be used";
+    return address->found_count > 0;
+}
+
+int connect_tcp(Address *address, const char **reason) {
+    if (!look_up(address, reason))
+        return -1;
+    const unsigned first = address->attempts++;
     int fd = -1;
-    for (unsigned tried = 0; fd < 0 && tried < count; tried++) {
-        fd = begin(each->ai_family, each->ai_addr, each->ai_addrlen);
-        each = each->ai_next ? each->ai_next : found;
+    for (unsigned tried = 0; fd < 0 && tried < address->found_count; tried++) {
+        const FoundAddress *found = &address->found[(first + tried) % address->found_count];
+        const auto *where = reinterpret_cast<const sockaddr *>(&found->where);
+        fd = begin(where->sa_family, where, found->length);
     }
     if (fd < 0)
         *reason = strerror(errno);
-    freeaddrinfo(found);
     return fd;
 }
 

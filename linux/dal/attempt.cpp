@@ -4,6 +4,7 @@
  */
 #include <sys/random.h>
 
+#include "linux/clock.h"
 #include "linux/dal/context.h"
 
 namespace dal {
@@ -56,8 +57,9 @@ void subscriber_answered(Link *link, const Expected *expected, redisReply *reply
         case Question::ping:
             return subscriber_pong(link, reply);
         case Question::read_flags:
+            return flags_read(link, reply);
         case Question::set_flags:
-            return flags_answered(link, reply);
+            return flags_set(link, reply);
         case Question::subscribe:
             return subscribe_answered(link, expected->pattern, reply);
         case Question::read:
@@ -70,7 +72,7 @@ void subscriber_answered(Link *link, const Expected *expected, redisReply *reply
 uint32_t jittered(uint32_t delay_ms) {
     uint32_t random = 0;
     if (getrandom(&random, sizeof random, GRND_NONBLOCK) != sizeof random)
-        random = static_cast<uint32_t>(now_ms());
+        random = static_cast<uint32_t>(monotonic_ms());
     return delay_ms - random % (delay_ms / 4);
 }
 

@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "linux/clock.h"
 #include "linux/platform_log.h"
 
 namespace dal {
@@ -12,7 +13,7 @@ namespace {
 /** The attempt at the start is waited for, so that the first calls find the server. */
 void connect_at_start(dal_ctx *ctx) {
     attempt_begin(ctx);
-    const int64_t deadline = now_ms() + kAnswerMs;
+    const int64_t deadline = monotonic_ms() + kAnswerMs;
     for (Link *link : {&ctx->subscriber, &ctx->reader})
         if (ctx->state == State::asking && link->context && !link_wait(link, deadline) && ctx->state == State::asking)
             context_lost(ctx, link->reason);

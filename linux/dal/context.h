@@ -103,7 +103,8 @@ void context_free(dal_ctx *ctx);
 
 /* Keyspace notification flags, asked for on the subscriber's link before it subscribes. */
 bool flags_ask(Link *link);
-void flags_answered(Link *link, const redisReply *reply);
+void flags_read(Link *link, const redisReply *reply);
+void flags_set(Link *link, const redisReply *reply);
 /** Called back when the flags have been seen to, whether they could be set or not. */
 void flags_finished(Link *link);
 

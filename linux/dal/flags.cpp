@@ -36,16 +36,17 @@ bool set_flags(Link *link, const char *flags) {
     return link_send(link, Question::set_flags, nullptr, arguments);
 }
 
-void flags_read(Link *link, const redisReply *reply) {
-    if (reply->elements != 2 || reply->element[1]->type != REDIS_REPLY_STRING) {
-        platform_warning("<DAL>: the server does not know %s: no key's change may be told", kName);
-        return flags_finished(link);
-    }
-    char completed[64];
-    if (!complete(reply->element[1]->str, completed, sizeof completed))
-        flags_finished(link);
-    else if (!set_flags(link, completed))
-        context_lost(link->ctx, link->reason);
+/** Goes on without: the server's owner may have set the flags, and may not. */
+void warn_if_refused(const redisReply *reply) {
+    if (reply->type == REDIS_REPLY_ERROR)
+        platform_warning("<DAL>: may not look after %s, which has to contain %s: %s", kName, kNeeded, reply->str);
+}
+
+/** The flags in the answer to CONFIG GET; NULL when it has none. */
+const char *flags_of(const redisReply *reply) {
+    const bool has_flags =
+        reply->type == REDIS_REPLY_ARRAY && reply->elements == 2 && reply->element[1]->type == REDIS_REPLY_STRING;
+    return has_flags ? reply->element[1]->str : nullptr;
 }
 
 }  // namespace
@@ -55,11 +56,20 @@ bool flags_ask(Link *link) {
     return link_send(link, Question::read_flags, nullptr, arguments);
 }
 
-void flags_answered(Link *link, const redisReply *reply) {
-    if (reply->type == REDIS_REPLY_ARRAY)
-        return flags_read(link, reply);
-    if (reply->type == REDIS_REPLY_ERROR)
-        platform_warning("<DAL>: may not look after %s, which has to contain %s: %s", kName, kNeeded, reply->str);
+void flags_read(Link *link, const redisReply *reply) {
+    const char *flags = flags_of(reply);
+    warn_if_refused(reply);
+    if (!flags && reply->type != REDIS_REPLY_ERROR)
+        platform_warning("<DAL>: the server does not know %s: no key's change may be told", kName);
+    char completed[64];
+    if (!flags || !complete(flags, completed, sizeof completed))
+        flags_finished(link);
+    else if (!set_flags(link, completed))
+        context_lost(link->ctx, link->reason);
+}
+
+void flags_set(Link *link, const redisReply *reply) {
+    warn_if_refused(reply);
     flags_finished(link);
 }
 

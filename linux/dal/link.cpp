@@ -4,9 +4,9 @@
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "linux/clock.h"
 #include "linux/dal/context.h"
 
 namespace dal {
@@ -19,6 +19,23 @@ constexpr uint32_t kWriting = 2;
 bool fail(Link *link, const char *reason) {
     snprintf(link->reason, sizeof link->reason, "%s", reason);
     return false;
+}
+
+/** An array is allocated at the length that the server claims, before any of it has come. */
+constexpr size_t kMostElements = 1 << 22;
+redisReplyObjectFunctions reply_functions;
+decltype(reply_functions.createArray) create_array;
+
+template <typename Count>
+void *create_bounded_array(const redisReadTask *task, Count elements) {
+    return static_cast<size_t>(elements) > kMostElements ? nullptr : create_array(task, elements);
+}
+
+void bound_arrays(redisReader *reader) {
+    reply_functions = *reader->fn;
+    create_array = reply_functions.createArray;
+    reply_functions.createArray = create_bounded_array;
+    reader->fn = &reply_functions;
 }
 
 /** Keeps why the library failed, which it says in errno or in a text. */
@@ -66,6 +83,8 @@ bool flush(Link *link) {
     int done = 0;
     if (redisBufferWrite(link->context, &done) != REDIS_OK)
         return library_failed(link);
+    if (!link->context->obuf)
+        return fail(link, "memory is short");  // the library frees what has gone out and makes a new buffer unchecked
     if (!link->in_loop)
         return true;
     const dal_evloop_ctx *evloop = link->ctx->evloop;
@@ -87,7 +106,7 @@ void on_writable(void *connection) {
 bool enter_loop(Link *link) {
     const dal_evloop_ctx *evloop = link->ctx->evloop;
     link->conn = {evloop->dispatcher, nullptr, link->context->fd, 0, 0, link, on_readable, on_writable};
-    if (evloop->attach(&link->conn) != 0)
+    if (evloop->attach(&link->conn) != 0 || !link->conn.timer_slot)
         return fail(link, "the loop does not take it");
     link->in_loop = true;
     evloop->add_read(&link->conn);
@@ -131,17 +150,11 @@ bool dispatch(Link *link, redisReply *reply) {
 
 /** The part of a poll's time that is left, rounded to 0 when it is over. */
 int remaining(int64_t deadline) {
-    const int64_t left = deadline - now_ms();
+    const int64_t left = deadline - monotonic_ms();
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
 }  // namespace
-
-int64_t now_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 bool link_open(Link *link, bool in_loop) {
     link->closed = false;
@@ -155,6 +168,7 @@ bool link_open(Link *link, bool in_loop) {
         return fail(link, "memory is short");
     }
     link->context->flags &= ~REDIS_BLOCK;
+    bound_arrays(link->context->reader);
     if (!in_loop || enter_loop(link))
         return true;
     link_close(link);
@@ -230,7 +244,7 @@ bool link_wait(Link *link, int64_t deadline) {
             return fail(link, "no answer");
         if (ready > 0 && (waiting.revents & ~POLLOUT) && !link_receive(link))
             return false;
-        if (now_ms() >= deadline && link->expected)
+        if (monotonic_ms() >= deadline && link->expected)
             return fail(link, "no answer");
     }
     return link->context;

@@ -28,9 +28,6 @@ struct Pattern;
 /** How long a call may wait, and how long an answer may take that the loop waits for. */
 constexpr int kAnswerMs = 2000;
 
-/** Milliseconds of a clock that nobody sets. */
-int64_t now_ms();
-
 /** One argument of a command: bytes. */
 struct Argument {
     const char *bytes;
@@ -87,7 +84,7 @@ bool link_send(Link *link, Question question, Pattern *pattern, std::span<const 
 /** Reads once what is there, and hands it to on_message and on_answer. */
 bool link_receive(Link *link);
 
-/** Drives the link until nothing is expected any more, or the time `deadline` (of now_ms) has come. */
+/** Drives the link until nothing is expected any more, or the time `deadline` (of monotonic_ms) has come. */
 bool link_wait(Link *link, int64_t deadline);
 
 /** Bytes that wait to be sent. */

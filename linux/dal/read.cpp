@@ -1,6 +1,7 @@
 /* Blocking reads: one question, one answer, within a bound. */
 #include <stdlib.h>
 
+#include "linux/clock.h"
 #include "linux/dal/context.h"
 #include "linux/platform_log.h"
 
@@ -35,8 +36,18 @@ int copy_out(redisReply *reply, void *value, uint32_t *value_len) {
     return 0;
 }
 
+bool are_strings(const redisReply *reply) {
+    for (size_t i = 0; i < reply->elements; i++)
+        if (reply->element[i]->type != REDIS_REPLY_STRING)
+            return false;
+    return true;
+}
+
+/** Fields and values take turns. False when the answer has another shape, or when memory is short. */
 bool append_fields(List *list, const redisReply *reply) {
-    for (size_t i = 0; i + 1 < reply->elements; i += 2) {
+    if (reply->elements % 2 != 0 || !are_strings(reply))
+        return false;
+    for (size_t i = 0; i < reply->elements; i += 2) {
         dal_kv *entry = kv_make(reply->element[i], reply->element[i + 1]);
         if (!entry)
             return false;
@@ -54,7 +65,7 @@ redisReply *ask(dal_ctx *ctx, std::span<const Argument> arguments) {
     if (!ctx || ctx->state != State::up || !(ctx->connections & DAL_CTX_SYNC))
         return nullptr;
     Link *link = &ctx->reader;
-    const int64_t deadline = now_ms() + kAnswerMs;
+    const int64_t deadline = monotonic_ms() + kAnswerMs;
     const bool stood = link->context;
     bool answered = try_once(link, arguments, deadline);
     if (!answered && stood && link->closed) {

@@ -9,6 +9,7 @@ namespace dal {
 namespace {
 
 constexpr char kKeysPerStep[] = "512"; /**< that the server looks at for one answer */
+constexpr char kEnd[] = "0";           /**< cursor behind the last step */
 constexpr size_t kBatch = 64;          /**< keys read with one command */
 static_assert(kBatch < kMaxArguments);
 
@@ -73,6 +74,12 @@ void sort_unique(Keys *keys) {
     keys->count = kept;
 }
 
+/** Whether the answer's cursor ends the walk or leads on: with one that stays the walk would never end. */
+bool moves_on(const redisReply *next, const char *cursor, size_t size) {
+    return next->type == REDIS_REPLY_STRING && next->len < size &&
+           (strcmp(next->str, kEnd) == 0 || strcmp(next->str, cursor) != 0);
+}
+
 /** One step of the walk. `cursor` is replaced. */
 bool scan_step(dal_ctx *ctx, const char *pattern, char *cursor, size_t size, Keys *keys) {
     const Argument arguments[] = {argument("SCAN"),  argument(cursor),  argument("MATCH"),
@@ -80,8 +87,8 @@ bool scan_step(dal_ctx *ctx, const char *pattern, char *cursor, size_t size, Key
     redisReply *reply = ask_for(ctx, REDIS_REPLY_ARRAY, arguments);
     if (!reply)
         return false;
-    bool taken = reply->elements == 2 && reply->element[0]->type == REDIS_REPLY_STRING &&
-                 reply->element[0]->len < size && reply->element[1]->type == REDIS_REPLY_ARRAY;
+    bool taken = reply->elements == 2 && moves_on(reply->element[0], cursor, size) &&
+                 reply->element[1]->type == REDIS_REPLY_ARRAY;
     if (taken) {
         memcpy(cursor, reply->element[0]->str, reply->element[0]->len + 1);
         taken = add_found(keys, reply->element[1]);
@@ -91,11 +98,11 @@ bool scan_step(dal_ctx *ctx, const char *pattern, char *cursor, size_t size, Key
 }
 
 bool walk(dal_ctx *ctx, const char *pattern, Keys *keys) {
-    char cursor[32] = "0";
+    char cursor[32] = "0";  // where a walk begins
     do {
         if (!scan_step(ctx, pattern, cursor, sizeof cursor, keys))
             return false;
-    } while (strcmp(cursor, "0") != 0);
+    } while (strcmp(cursor, kEnd) != 0);
     sort_unique(keys);
     return true;
 }

@@ -1,6 +1,7 @@
 /* Patterns: subscribing, confirmation and refusal. */
 #include <stdlib.h>
 
+#include "linux/clock.h"
 #include "linux/dal/context.h"
 #include "linux/platform_log.h"
 
@@ -163,7 +164,7 @@ int dal_sub_command(dal_ctx *ctx, dal_sub_callback callback, void *arg, const ch
     const bool asking = ctx->state == State::asking && ctx->subscriber_ready;
     if (ctx->state != State::up && !asking)
         return -1;
-    const int64_t deadline = now_ms() + kAnswerMs;
+    const int64_t deadline = monotonic_ms() + kAnswerMs;
     // An attempt under way takes the patterns along; a call does not wait for it.
     const bool done = send_patterns(ctx, patterns) && (asking || link_wait(&ctx->subscriber, deadline));
     if (!done && ctx->state != State::lost)

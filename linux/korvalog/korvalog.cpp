@@ -31,11 +31,16 @@ bool is_of_facility(int module) {
     return module == kDaemonModule || module == kEventModule;
 }
 
-const lgModuleLevel *find_row(int module) {
+lgModuleLevel *find_row(int module) {
     return lgClientInfo.levels ? static_cast<lgModuleLevel *>(HashFind(lgClientInfo.levels, module)) : nullptr;
 }
 
-int insert_row(HashTable *table, int module, int level) {
+/** A row that stands is changed in its place, which takes no memory. */
+int set_row(HashTable *table, int module, int level) {
+    if (lgModuleLevel *row = find_row(module)) {
+        row->level = level;
+        return 0;
+    }
     auto *row = static_cast<lgModuleLevel *>(malloc(sizeof(lgModuleLevel)));
     if (!row)
         return -1;
@@ -54,7 +59,7 @@ int set_facility_level(int level) {
     if (!lgClientInfo.levels)
         return -1;
     for (const int module : kFacilityModules)
-        if (insert_row(lgClientInfo.levels, module, level) < 0)
+        if (set_row(lgClientInfo.levels, module, level) < 0)
             return -1;
     return 0;
 }

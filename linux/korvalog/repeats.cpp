@@ -4,8 +4,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
+#include "linux/clock.h"
 #include "linux/dispatcher/loop.h"
 #include "linux/korvalog/sink.h"
 #include "platform/korvalog.h"
@@ -33,14 +33,6 @@ struct Run {
 
 Run run;
 
-int64_t now_ms() {
-    constexpr int64_t kMsPerSecond = 1000;
-    constexpr int64_t kNsPerMs = 1000000;
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
-}
-
 void report() {
     if (run.counted == 0)
         return;
@@ -60,7 +52,7 @@ void stop_counting() {
 }
 
 void on_timer(void *) {
-    const int64_t now = now_ms();
+    const int64_t now = monotonic_ms();
     if (now - run.last >= kWindowMs) {
         stop_counting();
     } else if (now - run.reported >= kReportMs) {
@@ -93,7 +85,7 @@ void begin_run(int level, int module, int message_id, const char *text) {
 }  // namespace
 
 bool log_passes(int level, int module, int message_id, const char *text) {
-    const int64_t now = now_ms();
+    const int64_t now = monotonic_ms();
     const bool same = continues_run(level, module, message_id, text);
     if (run.counting && (!same || now - run.last >= kWindowMs))
         stop_counting();

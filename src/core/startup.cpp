@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include "core/config_files.h"
 #include "core/dal_adapter.h"
@@ -99,6 +100,8 @@ void vyrwrap_dal_init() {
     if (!vyrwrap_global.dal_ctx)
         vyrwrap_global.dal_ctx =
             dal_ctx_init(kConnections, nullptr, nullptr, vyrwrap_dal_disconnect_cb, nullptr, evloop);
+    else
+        free(evloop);  // the context that stands has its own
     if (!vyrwrap_global.dal_ctx) {
         log_error("<VYRWRAP>: %s: Failed to init DAL context", "vyrwrap_dal_init");
         return;

@@ -4,7 +4,7 @@
  *
  * Every call runs on the one thread of the daemon. Callbacks are made from the Dispatcher loop only, never from
  * inside a call declared here. Keys, fields and values are bytes: a value may hold NUL, a key given to a callback
- * never does.
+ * never does. Every call takes a NULL context, and fails: the daemon goes on when none could be made.
  */
 #pragma once
 
@@ -80,7 +80,8 @@ typedef struct dal_evloop_ctx {
 
 /**
  * Makes the record that binds asynchronous DAL connections to a Dispatcher. The two last arguments are reserved.
- * Owned by the caller until given to dal_ctx_init. NULL when memory is short.
+ * Each call makes a new one, memory of malloc's: the caller gives it to dal_ctx_init or frees it. NULL when memory is
+ * short.
  */
 dal_evloop_ctx *dal_evloop_ctx_init(Dispatcher *dispatcher, dal_evloop_op add_read, dal_evloop_op delete_read,
                                     dal_evloop_op add_write, dal_evloop_op delete_write, dal_evloop_op cleanup,
@@ -98,8 +99,8 @@ enum {
  * cannot be reached: the library connects by itself from the loop, and calls fail at once until then.
  *
  * @param disconnect_cb  called from the loop once for each loss, when the server is back and answers again
- * @param evloop         taken over by the context
- * @return NULL only when the context itself cannot be made
+ * @param evloop         taken over, also when no context is made
+ * @return NULL only when the context itself cannot be made: without a record, an address or memory
  */
 dal_ctx *dal_ctx_init(uint32_t connections, const char *sync_address, const char *async_address,
                       void (*disconnect_cb)(void), void *arg, dal_evloop_ctx *evloop);

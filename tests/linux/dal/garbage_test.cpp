@@ -8,14 +8,18 @@
 #include <unistd.h>
 
 #include "fixture.h"
+#include "linux/clock.h"
 #include "linux/dal/context.h"
 
 namespace {
 
-/** Answers the n-th chunk that a connection sends with the n-th text, then with the last one; "" closes. */
+/** What a connection gets after the last text. */
+enum class Then { the_same, its_end };
+
+/** Answers the n-th chunk that a connection sends with the n-th text; "" closes. */
 class Script {
 public:
-    explicit Script(const std::vector<std::string> &answers) {
+    explicit Script(const std::vector<std::string> &answers, Then then = Then::the_same) {
         unlink(kPath);
         listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un where{};
@@ -25,7 +29,7 @@ public:
         EXPECT_EQ(listen(listener_, 16), 0);
         pid_ = fork();
         if (pid_ == 0)
-            serve(answers);
+            serve(answers, then);
         ::close(listener_);
     }
     Script(const Script &) = delete;
@@ -38,7 +42,7 @@ public:
     static constexpr char kPath[] = "/tmp/script.sock";
 
 private:
-    [[noreturn]] void serve(const std::vector<std::string> &answers) {
+    [[noreturn]] void serve(const std::vector<std::string> &answers, Then then) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         signal(SIGCHLD, SIG_IGN);
         for (;;) {
@@ -51,7 +55,8 @@ private:
             char buffer[4096];
             for (size_t i = 0; read(connection, buffer, sizeof buffer) > 0; i++) {
                 const std::string &answer = answers[std::min(i, answers.size() - 1)];
-                if (answer.empty() || write(connection, answer.data(), answer.size()) < 0)
+                if (answer.empty() || write(connection, answer.data(), answer.size()) < 0 ||
+                    (then == Then::its_end && i + 1 >= answers.size()))
                     break;
             }
             _exit(0);
@@ -64,6 +69,32 @@ private:
 class DalGarbage : public DalTest {
 protected:
     void SetUp() override { loop::reset(); }
+
+    void open_at_script(uint32_t connections = 7) { open_at(std::string("unix://") + Script::kPath, connections); }
+
+    /** Makes one of the calls that read; what it gives does not matter here. */
+    void read_something(int which) {
+        dal_hash_request request{"k", nullptr};
+        List *list = ListCreate();
+        int found = 0;
+        switch (which % 4) {
+            case 0:
+                get("k");
+                break;
+            case 1:
+                dal_is_key_exist(ctx, "k", 1, &found);
+                break;
+            case 2:
+                dal_hgetall(ctx, &request);
+                break;
+            default:
+                dal_mget_by_wildcard(ctx, "*", list, &ctx);
+        }
+        for (List *given : {request.kvlist, list}) {
+            dal_free_slist(given);
+            ListDestroy(given);
+        }
+    }
 };
 
 const char kPong[] = "+PONG\r\n";
@@ -75,7 +106,7 @@ TEST_F(DalGarbage, InsteadOfAPongIsAServerNotReached) {
           "*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n:1\r\n", "$-5\r\n", "*2\r\n$-1\r\n$-1\r\n",
           "$99999999999999999999\r\n", "*4\r\n$-1\r\n$-1\r\n$-1\r\n$-1\r\n"}) {
         const Script script({answer});
-        open_at(std::string("unix://") + Script::kPath);
+        open_at_script();
         ASSERT_NE(ctx, nullptr);
         EXPECT_TRUE(loop::logged("3 <DAL>: cannot reach the server")) << answer;
         EXPECT_EQ(get("k"), "(failed)");
@@ -85,7 +116,7 @@ TEST_F(DalGarbage, InsteadOfAPongIsAServerNotReached) {
 
 TEST_F(DalGarbage, AnAnswerThatNobodyAskedForIsALoss) {
     const Script script({std::string(kPong) + kFlags + kPong});
-    open_at(std::string("unix://") + Script::kPath, DAL_CTX_SUBSCRIBE);
+    open_at_script(DAL_CTX_SUBSCRIBE);
     ASSERT_NE(ctx, nullptr);
     ASSERT_TRUE(loop::run_until([this] { return ctx->state == dal::State::lost; }));
     EXPECT_TRUE(loop::logged(": an answer to no question"));
@@ -94,7 +125,7 @@ TEST_F(DalGarbage, AnAnswerThatNobodyAskedForIsALoss) {
 TEST_F(DalGarbage, AFlagsAnswerOfTheWrongShapeIsLoggedAndTheServerUsed) {
     for (const char *answer : {"*0\r\n", "*2\r\n:1\r\n:2\r\n", "*1\r\n$1\r\nx\r\n"}) {
         const Script script({kPong, answer});
-        open_at(std::string("unix://") + Script::kPath);
+        open_at_script();
         EXPECT_TRUE(loop::logged("4 <DAL>: the server does not know notify-keyspace-events")) << answer;
         close();
     }
@@ -102,7 +133,7 @@ TEST_F(DalGarbage, AFlagsAnswerOfTheWrongShapeIsLoggedAndTheServerUsed) {
 
 TEST_F(DalGarbage, AConfirmationOfAnotherPatternIsARefusal) {
     const Script script({kPong, kFlags, "*3\r\n$10\r\npsubscribe\r\n$1\r\ny\r\n:1\r\n"});
-    open_at(std::string("unix://") + Script::kPath, DAL_CTX_SUBSCRIBE);
+    open_at_script(DAL_CTX_SUBSCRIBE);
     EXPECT_EQ(subscribe("x"), -1);
     EXPECT_TRUE(loop::logged("the subscription to x was refused: an answer of the wrong kind"));
 }
@@ -113,7 +144,7 @@ TEST_F(DalGarbage, MessagesOfOtherShapesReachNoCallback) {
                                 "*4\r\n$8\r\npmessage\r\n$1\r\nz\r\n$1\r\nx\r\n$1\r\nd\r\n",
                                 "*3\r\n$7\r\nmessage\r\n$1\r\nx\r\n$1\r\nd\r\n"}) {
         const Script script({kPong, kFlags, confirmed + message});
-        open_at(std::string("unix://") + Script::kPath, DAL_CTX_SUBSCRIBE);
+        open_at_script(DAL_CTX_SUBSCRIBE);
         subscribe("x");
         loop::drain();
         EXPECT_TRUE(delivered.empty()) << message;
@@ -124,7 +155,7 @@ TEST_F(DalGarbage, MessagesOfOtherShapesReachNoCallback) {
 TEST_F(DalGarbage, InsteadOfAValueFailsTheReadOnly) {
     for (const char *answer : {":5\r\n", "*0\r\n", "+x\r\n", "*2\r\n$1\r\n0\r\n:7\r\n", "*2\r\n:0\r\n*0\r\n"}) {
         const Script script({kPong, answer});
-        open_at(std::string("unix://") + Script::kPath, DAL_CTX_SYNC);
+        open_at_script(DAL_CTX_SYNC);
         EXPECT_EQ(get("k"), "(failed)") << answer;
         List *list = ListCreate();
         EXPECT_EQ(dal_scan(ctx, "*", list), -1) << answer;
@@ -138,18 +169,101 @@ TEST_F(DalGarbage, InsteadOfAValueFailsTheReadOnly) {
 
 TEST_F(DalGarbage, AnAnswerCutShortIsRepeatedOnceAndThenALoss) {
     const Script script({kPong, "$100\r\nabc", ""});
-    open_at(std::string("unix://") + Script::kPath, DAL_CTX_SYNC);
+    open_at_script(DAL_CTX_SYNC);
     EXPECT_EQ(get("k"), "(failed)");
     EXPECT_EQ(ctx->state, dal::State::lost);
 }
 
 TEST_F(DalGarbage, AnAnswerThatTricklesIsBoundedAsAWhole) {
     const Script script({kPong, "$100\r\na"});
-    open_at(std::string("unix://") + Script::kPath, DAL_CTX_SYNC);
-    const int64_t begin = dal::now_ms();
+    open_at_script(DAL_CTX_SYNC);
+    const int64_t begin = monotonic_ms();
     EXPECT_EQ(get("k"), "(failed)");
-    EXPECT_LT(dal::now_ms() - begin, 2500);
+    EXPECT_LT(monotonic_ms() - begin, 2500);
     EXPECT_TRUE(loop::logged("no answer"));
+}
+
+TEST_F(DalGarbage, AHashOfAnythingButTextsInPairsIsNotRead) {
+    for (const char *answer :
+         {"*2\r\n:1\r\n$1\r\nv\r\n", "*2\r\n$1\r\nf\r\n$-1\r\n", "*2\r\n$1\r\nf\r\n*1\r\n:1\r\n", "*1\r\n$1\r\nf\r\n",
+          "*3\r\n$1\r\nf\r\n$1\r\nv\r\n$1\r\ng\r\n", "*2\r\n*-1\r\n$0\r\n\r\n"}) {
+        const Script script({kPong, answer});
+        open_at_script(DAL_CTX_SYNC);
+        dal_hash_request request{};
+        EXPECT_EQ(dal_hgetall(ctx, &request), -1) << answer;
+        EXPECT_EQ(request.kvlist, nullptr);
+        EXPECT_EQ(ctx->state, dal::State::up);
+        close();
+    }
+}
+
+TEST_F(DalGarbage, AnAnswerOfTheWrongKindToSettingTheFlagsIsNoReasonToSetThemAgain) {
+    const Script script({kPong, "*2\r\n$1\r\nx\r\n$0\r\n\r\n"});
+    open_at_script(DAL_CTX_SUBSCRIBE);
+    EXPECT_EQ(ctx->state, dal::State::up);
+    EXPECT_EQ(loop::log_count("setting notify-keyspace-events to"), 1U);
+}
+
+TEST_F(DalGarbage, AWalkWhoseCursorStaysIsGivenUp) {
+    const Script script({kPong, "*2\r\n$1\r\n7\r\n*1\r\n$1\r\nk\r\n"});
+    open_at_script(DAL_CTX_SYNC);
+    List *list = ListCreate();
+    EXPECT_EQ(dal_scan(ctx, "*", list), -1);
+    EXPECT_EQ(ListCount(list), 0U);
+    ListDestroy(list);
+}
+
+TEST_F(DalGarbage, AClaimOfMoreElementsThanAnyAnswerHasTakesNoMemory) {
+    for (const char *answer : {"*2147483647\r\n", "*4194305\r\n", "*1\r\n*2147483647\r\n"}) {
+        const Script script({kPong, answer});
+        open_at_script(DAL_CTX_SYNC);
+        EXPECT_EQ(get("k"), "(failed)");
+        EXPECT_TRUE(loop::logged("3 <DAL>: lost the server unix:///tmp/script.sock: Out of memory")) << answer;
+        close();
+    }
+}
+
+TEST_F(DalGarbage, ACloseAtAnyByteOfAnAnswerIsALossAndNoHarm) {
+    const std::string confirmed = "*3\r\n$10\r\npsubscribe\r\n$1\r\nx\r\n:1\r\n";
+    const std::vector<std::string> session = {kPong, kFlags, confirmed};
+    for (size_t step = 0; step < session.size(); step++) {
+        for (size_t length = 0; length < session[step].size(); length++) {
+            std::vector<std::string> answers(session.begin(), session.begin() + static_cast<long>(step));
+            answers.push_back(session[step].substr(0, length));
+            const Script script(answers, Then::its_end);
+            open_at_script(DAL_CTX_SUBSCRIBE);
+            EXPECT_NE(subscribe("x"), 0) << step << " " << length;
+            EXPECT_EQ(ctx->state, dal::State::lost) << step << " " << length;
+            close();
+        }
+    }
+}
+
+TEST_F(DalGarbage, ACloseAtAnyByteOfAHashFailsTheRead) {
+    const std::string answer = "*2\r\n$1\r\nf\r\n$1\r\nv\r\n";
+    for (size_t length = 0; length < answer.size(); length++) {
+        const Script script({kPong, answer.substr(0, length)}, Then::its_end);
+        open_at_script(DAL_CTX_SYNC);
+        dal_hash_request request{};
+        EXPECT_EQ(dal_hgetall(ctx, &request), -1) << length;
+        close();
+    }
+}
+
+TEST_F(DalGarbage, AnswersMadeAtRandomDoNoHarm) {
+    const char *const pieces[] = {
+        "*1\r\n",  "*2\r\n", "*4\r\n",  "*0\r\n",   "*-1\r\n", "$1\r\nk\r\n", "$0\r\n\r\n",
+        "$-1\r\n", ":7\r\n", "+OK\r\n", "-ERR\r\n", "$3\r\n",  "\r\n",        "$8\r\npmessage\r\n"};
+    unsigned seed = 1;
+    for (int round = 0; round < 150; round++) {
+        std::string answer;
+        for (int piece = rand_r(&seed) % 8; piece >= 0; piece--)
+            answer += pieces[static_cast<size_t>(rand_r(&seed)) % std::size(pieces)];
+        const Script script({kPong, answer}, Then::its_end);
+        open_at_script(DAL_CTX_SYNC);
+        read_something(round);
+        close();
+    }
 }
 
 }  // namespace

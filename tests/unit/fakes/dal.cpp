@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/owned.h"
 #include "fakes/fakes.h"
 #include "fakes/internal.h"
 
@@ -25,7 +26,7 @@ std::vector<ContextArguments> contexts;
 namespace {
 
 struct dal_ctx the_context;
-dal_evloop_ctx the_evloop;
+std::vector<Owned<dal_evloop_ctx>> evloops; /**< taken over by contexts */
 
 /** Records a call. Returns whether it shall fail. */
 bool enter(const std::string &name, const std::string &what) {
@@ -79,7 +80,7 @@ void reset_dal() {
     subscriptions.clear();
     publications.clear();
     contexts.clear();
-    the_evloop = {};
+    evloops.clear();
 }
 
 Reply::Reply(const std::vector<std::string> &elements, int type) : texts_(elements) {
@@ -114,13 +115,15 @@ dal_evloop_ctx *dal_evloop_ctx_init(Dispatcher *dispatcher, dal_evloop_op add_re
                                     dal_evloop_attach attach, void *, void *) {
     if (enter("dal_evloop_ctx_init", ""))
         return nullptr;
-    fake::the_evloop = {"", dispatcher, add_read, delete_read, add_write, delete_write, cleanup, attach};
-    return &fake::the_evloop;
+    auto *evloop = static_cast<dal_evloop_ctx *>(malloc(sizeof(dal_evloop_ctx)));
+    *evloop = {"", dispatcher, add_read, delete_read, add_write, delete_write, cleanup, attach};
+    return evloop;
 }
 
 dal_ctx *dal_ctx_init(uint32_t connections, const char *sync_address, const char *async_address,
                       void (*disconnect_cb)(void), void *arg, dal_evloop_ctx *evloop) {
     fake::contexts.push_back({connections, sync_address, async_address, disconnect_cb, arg, evloop});
+    fake::evloops.emplace_back(evloop);
     return enter("dal_ctx_init", "") ? nullptr : &fake::the_context;
 }
 

@@ -1,0 +1,190 @@
+/* Memory, descriptors and name servers that are not there when they are needed. */
+#include <netdb.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+
+#include "fixture.h"
+#include "linux/dal/context.h"
+
+namespace {
+
+int allocations;
+int failing_allocation; /**< counted from 1; 0 for none */
+
+bool allocation_fails() {
+    return ++allocations == failing_allocation;
+}
+
+int look_ups;
+int failing_look_ups; /**< so many of the next ones */
+
+}  // namespace
+
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void *__real_realloc(void *memory, size_t size);
+int __real_getaddrinfo(const char *host, const char *port, const addrinfo *hints, addrinfo **list);
+void *__wrap_malloc(size_t size);
+void *__wrap_calloc(size_t count, size_t size);
+void *__wrap_realloc(void *memory, size_t size);
+int __wrap_getaddrinfo(const char *host, const char *port, const addrinfo *hints, addrinfo **list);
+
+void *__wrap_malloc(size_t size) {
+    return allocation_fails() ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_calloc(size_t count, size_t size) {
+    return allocation_fails() ? nullptr : __real_calloc(count, size);
+}
+
+void *__wrap_realloc(void *memory, size_t size) {
+    return allocation_fails() ? nullptr : __real_realloc(memory, size);
+}
+
+int __wrap_getaddrinfo(const char *host, const char *port, const addrinfo *hints, addrinfo **list) {
+    look_ups++;
+    if (failing_look_ups == 0)
+        return __real_getaddrinfo(host, port, hints, list);
+    failing_look_ups--;
+    return EAI_AGAIN;
+}
+}
+
+namespace {
+
+class DalMemory : public DalTest {
+protected:
+    void SetUp() override {
+        DalTest::SetUp();
+        redis("SET /a/1 one");
+        redis("SET /a/2 two");
+        redis("HSET /h f v g w");
+    }
+
+    void TearDown() override {
+        failing_allocation = 0;
+        DalTest::TearDown();
+    }
+
+    /** A day's work: every call, and a delivery. Returns whether all of it succeeded. */
+    bool work() {
+        open();
+        if (!ctx)
+            return false;
+        bool done = subscribe("__keyspace@0__:/a/*") == 0 && subscribe("p") == 0;
+        done = get("/a/1") == "one" && done;
+        dal_hash_request request{};
+        strcpy(request.key, "/h");
+        done = dal_hgetall(ctx, &request) == 0 && done;
+        dal_free_slist(request.kvlist);
+        ListDestroy(request.kvlist);
+        if (List *list = ListCreate()) {
+            done = dal_mget_by_wildcard(ctx, "/a/*", list, &ctx) == 0 && ListCount(list) == 2 && done;
+            dal_free_slist(list);
+            ListDestroy(list);
+        }
+        done = dal_async_pub(ctx, "p", 1, "d", 1) == 0 && done;
+        loop::drain();
+        return done;
+    }
+};
+
+TEST_F(DalMemory, ThatIsShortOnceAtAnyAllocationIsSurvived) {
+    for (int failing = 1;; failing++) {
+        delivered.clear();
+        allocations = 0;
+        failing_allocation = failing;
+        work();
+        failing_allocation = 0;
+        if (allocations < failing) {
+            EXPECT_GT(failing, 20) << "the allocations of the client are counted";
+            return;
+        }
+        if (ctx) {
+            ASSERT_TRUE(ctx->state == dal::State::up || run_until_back()) << failing;
+            ASSERT_EQ(get("/a/2"), "two") << failing;
+            ASSERT_EQ(subscribe("q"), 0) << failing;
+            redis("PUBLISH q " + std::to_string(failing));
+            ASSERT_TRUE(loop::run_until([failing] {
+                return !delivered.empty() && delivered.back().data == std::to_string(failing);
+            })) << failing;
+        }
+        close();
+    }
+}
+
+class DalDescriptors : public DalTest {
+protected:
+    /** Lets no further descriptor be opened. */
+    void exhaust() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit none = {3, before_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    void relieve() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+private:
+    rlimit before_{};
+};
+
+TEST_F(DalDescriptors, ThatAreExhaustedAreALossUntilThereAreSomeAgain) {
+    open();
+    ASSERT_EQ(subscribe("p"), 0);
+    redis("SET k v");
+    redis("CLIENT KILL TYPE pubsub");
+    ASSERT_TRUE(run_until_lost());
+    exhaust();
+    loop::advance(10000);
+    ASSERT_TRUE(loop::run_until([] { return loop::logged("Too many open files"); }));
+    EXPECT_EQ(get("k"), "(failed)");
+    relieve();
+    ASSERT_TRUE(run_until_back());
+    EXPECT_EQ(get("k"), "v");
+    EXPECT_EQ(losses, 1);
+}
+
+class DalNames : public DalTest {
+protected:
+    void SetUp() override {
+        loop::reset();
+        redis.start({"--port", "7777", "--bind", "127.0.0.1"});
+        look_ups = 0;
+    }
+    void TearDown() override {
+        failing_look_ups = 0;
+        DalTest::TearDown();
+    }
+    static constexpr char kUrl[] = "tcp://localhost:7777";
+};
+
+TEST_F(DalNames, AreLookedUpAtTheStartAndNotFromTheLoop) {
+    open_at(kUrl);
+    EXPECT_EQ(subscribe("x"), 0);
+    const int at_start = look_ups;
+    EXPECT_LE(at_start, 2) << "one for each kind of connection";
+    EXPECT_EQ(dal_async_pub(ctx, "p", 1, "d", 1), 0);
+    for (int i = 0; i < 3; i++) {
+        redis("CLIENT KILL TYPE pubsub");
+        ASSERT_TRUE(run_until_lost());
+        ASSERT_TRUE(run_until_back());
+    }
+    EXPECT_EQ(look_ups, at_start);
+}
+
+TEST_F(DalNames, ThatWereNotFoundAtTheStartAreLookedUpAgain) {
+    failing_look_ups = 2;
+    open_at(kUrl);
+    EXPECT_TRUE(
+        loop::logged("3 <DAL>: cannot reach the server tcp://localhost:7777: Temporary failure in name "
+                     "resolution; trying again"));
+    ASSERT_TRUE(loop::run_until([] {
+        loop::advance(10000);
+        return failing_look_ups == 0;
+    }));
+    ASSERT_TRUE(run_until_back());
+    EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+}
+
+}  // namespace
