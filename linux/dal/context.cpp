@@ -26,7 +26,6 @@ void connect_at_start(dal_ctx *ctx) {
 void came_up(dal_ctx *ctx) {
     link_leave_loop(&ctx->reader);
     ctx->state = State::up;
-    ctx->reason[0] = '\0';
     ctx->delay_ms = 0;
     platform_warning("<DAL>: the server %s answers again", ctx->async_address.text);
 }

@@ -21,6 +21,9 @@ bool fail(Link *link, const char *reason) {
     return false;
 }
 
+/** Of an answer that is not complete; none that the daemon asks for comes near. */
+constexpr size_t kMostBytes = 16 << 20;
+
 /** An array is allocated at the length that the server claims, before any of it has come. */
 constexpr size_t kMostElements = 1 << 22;
 redisReplyObjectFunctions reply_functions;
@@ -221,7 +224,7 @@ bool link_receive(Link *link) {
         if (redisGetReplyFromReader(link->context, &reply) != REDIS_OK)
             return library_failed(link);
         if (!reply)
-            return true;
+            return link->context->reader->len <= kMostBytes || fail(link, "an answer without end");
         const bool taken = dispatch(link, static_cast<redisReply *>(reply));
         if (reply != link->answer)
             freeReplyObject(reply);

@@ -223,6 +223,13 @@ TEST_F(DalGarbage, AClaimOfMoreElementsThanAnyAnswerHasTakesNoMemory) {
     }
 }
 
+TEST_F(DalGarbage, AnAnswerWithoutEndIsGivenUpBeforeItFillsTheMemory) {
+    const Script script({kPong, "$2000000000\r\n" + std::string(17 << 20, 'x')});
+    open_at_script(DAL_CTX_SYNC);
+    EXPECT_EQ(get("k"), "(failed)");
+    EXPECT_TRUE(loop::logged("3 <DAL>: lost the server unix:///tmp/script.sock: an answer without end"));
+}
+
 TEST_F(DalGarbage, ACloseAtAnyByteOfAnAnswerIsALossAndNoHarm) {
     const std::string confirmed = "*3\r\n$10\r\npsubscribe\r\n$1\r\nx\r\n:1\r\n";
     const std::vector<std::string> session = {kPong, kFlags, confirmed};

@@ -23,6 +23,7 @@ namespace loop {
 std::vector<uint32_t> timer_intervals;
 std::vector<std::string> log_lines;
 bool refuse_inputs;
+bool refuse_timers;
 
 namespace {
 
@@ -100,6 +101,7 @@ Dispatcher *reset() {
     timer_intervals.clear();
     log_lines.clear();
     refuse_inputs = false;
+    refuse_timers = false;
     skew = 0;
     the_dispatcher = {};
     return &the_dispatcher;
@@ -164,6 +166,8 @@ int DispRemoveInput(Dispatcher *, int fd, int type) {
 
 uint32_t DispAddTimerInternal(Dispatcher *, uint32_t interval_ms, DispTimerHandler handler, void *user_data, int, int,
                               const char *, int) {
+    if (loop::refuse_timers)
+        return 0;
     loop::timers[++loop::last_timer] = {loop::now() + interval_ms, handler, user_data};
     loop::timer_intervals.push_back(interval_ms);
     return loop::last_timer;

@@ -32,6 +32,7 @@ size_t input_count();
 size_t timer_count();
 extern std::vector<uint32_t> timer_intervals; /**< of all timers started, in order */
 extern bool refuse_inputs;                    /**< DispAddInput fails */
+extern bool refuse_timers;                    /**< DispAddTimerInternal fails */
 
 /** Log lines as "LEVEL TEXT". */
 extern std::vector<std::string> log_lines;

@@ -110,6 +110,18 @@ TEST_F(DalLoss, AfterAReturnTheNextLossBeginsWithASecondAgain) {
     }
 }
 
+TEST_F(DalLoss, AnAttemptWhoseTimerCouldNotBeStartedIsMadeUpForByTheCheck) {
+    open_subscribed();
+    redis("CLIENT KILL TYPE pubsub");
+    loop::refuse_timers = true;
+    ASSERT_TRUE(run_until_lost());
+    loop::refuse_timers = false;
+    ASSERT_EQ(loop::timer_count(), 0U);
+    EXPECT_EQ(dal_sub_ctx_chk(ctx), -1);
+    ASSERT_TRUE(run_until_back());
+    expect_restored(1);
+}
+
 TEST_F(DalLoss, AStoppedServerIsNotBackThoughItAcceptsConnections) {
     open_subscribed();
     redis.freeze();
@@ -236,6 +248,12 @@ TEST_F(DalLoss, FlagsThatAreMissingAreAddedAndTheOthersKept) {
     open();
     EXPECT_EQ(flags(), "[notify-keyspace-events, g$lhxeKE]");
     EXPECT_TRUE(loop::logged("6 <DAL>: setting notify-keyspace-events to "));
+}
+
+TEST_F(DalLoss, TheFlagOfAllTypesDoesNotStandForTheOneOfKeyspaceChannels) {
+    redis("CONFIG SET notify-keyspace-events AE");
+    open();
+    EXPECT_EQ(flags(), "[notify-keyspace-events, AKE]");
 }
 
 TEST_F(DalLoss, FlagsThatAreEnoughStay) {

@@ -1,4 +1,7 @@
 
+#include <signal.h>
+#include <sys/time.h>
+
 #include "fixture.h"
 #include "linux/clock.h"
 #include "linux/dal/context.h"
@@ -252,6 +255,17 @@ TEST_F(DalRead, AHungServerIsLostAfterTheBoundAndThenCallsFailAtOnce) {
     EXPECT_TRUE(run_until_back());
     EXPECT_EQ(get("k"), "value") << "no late answer is taken for this one";
     EXPECT_EQ(losses, 1);
+}
+
+TEST_F(DalRead, ASignalWhileAnAnswerIsAwaitedIsNoLoss) {
+    redis("SET k value");
+    signal(SIGALRM, [](int) {});
+    const itimerval often = {{0, 20000}, {0, 20000}};
+    const itimerval never = {};
+    redis("CLIENT PAUSE 200");
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(get("k"), "value");
+    setitimer(ITIMER_REAL, &never, nullptr);
 }
 
 TEST_F(DalRead, CallsWithoutAContextFail) {

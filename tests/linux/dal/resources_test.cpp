@@ -1,8 +1,10 @@
 /* Memory, descriptors and name servers that are not there when they are needed. */
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include "fixture.h"
 #include "linux/dal/context.h"
@@ -18,6 +20,7 @@ bool allocation_fails() {
 
 int look_ups;
 int failing_look_ups; /**< so many of the next ones */
+bool two_addresses;   /**< of the host, at the first of which nobody listens */
 
 }  // namespace
 
@@ -45,10 +48,14 @@ void *__wrap_realloc(void *memory, size_t size) {
 
 int __wrap_getaddrinfo(const char *host, const char *port, const addrinfo *hints, addrinfo **list) {
     look_ups++;
-    if (failing_look_ups == 0)
+    if (failing_look_ups > 0) {
+        failing_look_ups--;
+        return EAI_AGAIN;
+    }
+    if (!two_addresses)
         return __real_getaddrinfo(host, port, hints, list);
-    failing_look_ups--;
-    return EAI_AGAIN;
+    const int error = __real_getaddrinfo("127.0.0.2", port, hints, list);
+    return error ? error : __real_getaddrinfo("127.0.0.1", port, hints, &(*list)->ai_next);
 }
 }
 
@@ -154,6 +161,7 @@ protected:
     }
     void TearDown() override {
         failing_look_ups = 0;
+        two_addresses = false;
         DalTest::TearDown();
     }
     static constexpr char kUrl[] = "tcp://localhost:7777";
@@ -185,6 +193,27 @@ TEST_F(DalNames, ThatWereNotFoundAtTheStartAreLookedUpAgain) {
     }));
     ASSERT_TRUE(run_until_back());
     EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+}
+
+TEST_F(DalNames, OfSeveralAddressesAreTriedInTurn) {
+    two_addresses = true;
+    open_at(kUrl);
+    ASSERT_TRUE(loop::run_until([this] {
+        loop::advance(10000);
+        return ctx->state == dal::State::up;
+    }));
+    EXPECT_EQ(dal_sync_ctx_chk(ctx), 0);
+}
+
+TEST_F(DalNames, LeadToConnectionsThatMissNoDeadPeerAndHoldNothingBack) {
+    open_at(kUrl);
+    for (const auto &[level, option] :
+         {std::pair<int, int>(SOL_SOCKET, SO_KEEPALIVE), std::pair<int, int>(IPPROTO_TCP, TCP_NODELAY)}) {
+        int value = 0;
+        socklen_t length = sizeof value;
+        EXPECT_EQ(getsockopt(ctx->subscriber.conn.fd, level, option, &value, &length), 0);
+        EXPECT_NE(value, 0) << option;
+    }
 }
 
 }  // namespace

@@ -135,7 +135,7 @@ TEST_F(DalSubscribe, AFloodIsDeliveredInOrderAndTheLoopTurnsInBetween) {
     for (int i = 0; i < 2000; i++)
         redis.run({"PUBLISH", "p", std::to_string(i)});
     loop::run_until([] { return !delivered.empty(); });
-    EXPECT_LT(delivered.size(), 2000U) << "one handler does not deliver all";
+    EXPECT_LE(delivered.size(), 64U) << "one handler does not deliver all that one read took in";
     ASSERT_TRUE(run_until_delivered(2000));
     for (size_t i = 0; i < 2000; i++)
         EXPECT_EQ(delivered[i].data, std::to_string(i));
