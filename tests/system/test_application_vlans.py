@@ -31,6 +31,17 @@ def test_300_vlans_are_replayed_as_300_datagrams(access_point):
     access_point.application.wait_records(in_order_of_keys(300))
 
 
+def test_300_wait_for_an_application_that_is_slow(access_point):
+    """As many as the application's queue holds, and the daemon's own buffer."""
+    set_many(access_point, 300)
+    access_point.application.start()
+    access_point.application.stop_reading()
+    access_point.application.replay("vlans")
+    access_point.application.settle()
+    access_point.application.read_again()
+    access_point.application.wait_records(in_order_of_keys(300))
+
+
 def test_announced_and_withdrawn(link, told):
     for number in (1, 12, 4095):
         link.set_vlan(number)
