@@ -1,5 +1,7 @@
 """The log levels: the routing daemon's, and the daemon's own."""
 
+from pathlib import Path
+
 import pytest
 
 from lab import LEVEL_KEY, LOG_CONFIG_FILE, VYR_LEVEL_KEY, wait_for
@@ -184,7 +186,18 @@ def test_another_facilitys_key_is_not_followed(without_vyr):
     assert not ap.log.find("facility/system", mark)
 
 
-def test_the_routing_daemons_debugging_follows_the_own_level(access_point):
+@pytest.fixture(name="client_calls")
+def fixture_client_calls(access_point):
+    """What the routing daemon's client was called with. It does its work all the same."""
+    client, calls = Path("/korva/bin/vyrc"), Path("/tmp/vyrc.calls")
+    real = client.resolve()
+    client.unlink()
+    client.write_text(f'#!/bin/sh\necho "$*" >>{calls}\nexec {real} "$@"\n')
+    client.chmod(0o755)
+    return lambda: calls.read_text().splitlines() if calls.exists() else []
+
+
+def test_the_routing_daemons_debugging_follows_the_own_level(access_point, client_calls):
     ap = access_point
     ap.run_timer_at_once()
     ap.bird()
@@ -193,9 +206,11 @@ def test_the_routing_daemons_debugging_follows_the_own_level(access_point):
     ap.run_timer_at_once()
     ap.log.wait("Setting debug logging at timer handler", mark)
     wait_file(DEBUG_FILE)
+    wait_for(lambda: "debug all all" in client_calls(), lambda: f"debugging is on; {client_calls()}")
     change_level(ap, "warning", 4)
     ap.run_timer_at_once()
     wait_file(NO_DEBUG_FILE)
+    wait_for(lambda: client_calls()[-1] == "debug all off", lambda: f"debugging is off; {client_calls()}")
     ap.redis.set(VYR_LEVEL_KEY, "notice")
     wait_file(file_for("notice"))
     assert ap.daemon.running
