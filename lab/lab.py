@@ -64,6 +64,15 @@ def route_key(prefix, next_hop, kind=1):
     return f"/op/staticroute/{{{interface.ip}:{interface.netmask}:{kind}:{next_hop}}}"
 
 
+def _running_bird(vyr):
+    """The child that routes: vyr has one before it, of the same name, that only checks the configuration."""
+    bird = child_of(vyr, "bird")
+    try:
+        return bird if bird and b"-f" in Path(f"/proc/{bird}/cmdline").read_bytes().split(b"\0") else None
+    except OSError:
+        return None
+
+
 class AccessPoint(ApplicationKeys):
     """One at a time in a sandbox. As a context manager it is set up and started, and ended with all that it made."""
 
@@ -124,9 +133,10 @@ class AccessPoint(ApplicationKeys):
 
     # Redis
 
-    def start_redis(self):
+    def start_redis(self, *options):
+        """With options of its own, as "--maxmemory", "1mb"."""
         arguments = ["redis-server", "--port", "0", "--unixsocket", str(REDIS_SOCKET), "--save", "", "--appendonly",
-                     "no", "--dir", str(REDIS_SOCKET.parent)]
+                     "no", "--dir", str(REDIS_SOCKET.parent), *options]
         self.redis_server = Process("redis-server", arguments, "/tmp/redis.err")
         wait_for(self._redis_answers, "Redis answers")
 
@@ -188,7 +198,7 @@ class AccessPoint(ApplicationKeys):
     def bird(self, seconds=LAUNCH_SECONDS):
         """The process id of BIRD under the routing daemon, once it runs."""
         vyr = self.vyr(seconds)
-        return wait_for(lambda: child_of(vyr, "bird"), "vyr has a child bird")
+        return wait_for(lambda: _running_bird(vyr), "vyr has a child bird that routes")
 
     def reload_at_once(self):
         """Makes the routing daemon read its files now, without the daemon's quiet period."""
