@@ -4,7 +4,6 @@ import os
 import signal
 import time
 
-from lab import route_key, wait_for
 from network import ip
 
 
@@ -23,35 +22,6 @@ def test_a_default_route_comes_at_once(access_point):
     access_point.set_route("0.0.0.0/0", "192.168.10.254", 1)
     access_point.wait_route("0.0.0.0/0", ["192.168.10.254"], 1)
     assert time.monotonic() - began < 4
-
-
-def test_two_default_routes_at_start_launch_and_reload_without_harm(surroundings):
-    surroundings.start_redis()
-    surroundings.set_route("0.0.0.0/0", "192.168.10.254", 1)
-    surroundings.set_route("0.0.0.0/0", "192.168.10.253", 1)
-    surroundings.start_daemon()
-    vyr = surroundings.vyr()
-    surroundings.wait_route("0.0.0.0/0", ["192.168.10.253", "192.168.10.254"], 1)
-    assert surroundings.vyr() == vyr
-
-
-def test_twenty_starts_with_a_full_table(surroundings):
-    """A default route among 272 launches the routing daemon while the others are still being written."""
-    surroundings.start_redis()
-    with surroundings.redis.pipeline() as keys:
-        keys.set(route_key("0.0.0.0/0", "192.168.10.254"), 1)
-        for n in range(271):
-            keys.set(route_key(f"10.{n // 256}.{n % 256}.0/24", "192.168.10.2"), n % 9 + 1)
-        keys.execute()
-    for _ in range(20):
-        mark = surroundings.errors.mark()
-        surroundings.start_daemon()
-        surroundings.errors.wait("static routes taken, 0 left out", mark)
-        surroundings.bird()
-        assert not surroundings.errors.find("syntax error", mark)
-        assert surroundings.daemon.stop() == 0
-    surroundings.start_daemon()
-    wait_for(lambda: len(surroundings.routes()) == 272, "272 routes in the kernel", 30)
 
 
 def test_the_routing_daemons_death_ends_the_daemon_with_its_signal(access_point):
