@@ -1,19 +1,17 @@
 #include "staticroute/route_key.h"
 
-#include <arpa/inet.h>
 #include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 
-#include <algorithm>
-
+#include "core/key_address.h"
 #include "core/log.h"
 #include "core/parse.h"
+#include "core/text.h"
 #include "platform/cmnutil.h"
 
 namespace {
 
-constexpr size_t kAddressSize = 17;  // 16 characters, one more than any dotted address has
 constexpr size_t kNextHopSize = 200;
 
 constexpr char kClusterPrefix[] = "cluster_";
@@ -24,67 +22,18 @@ enum KeyType { KEY_GATEWAY = 1, KEY_IPSEC = 2, KEY_CLUSTER = 3, KEY_PPPOE = 4 };
 
 /** A key taken apart. */
 struct KeyTexts {
-    char dest[kAddressSize];
-    char mask[kAddressSize];
+    KeyAddresses addresses;
     int type;
     char next_hop[kNextHopSize];
     bool next_hop_cut; /**< the key's text is longer */
 };
 
-/** Copies the characters from `begin` up to `end`, none when `end` lies before. Returns whether all of them fit. */
-bool copy_between(char *text, size_t size, const char *begin, const char *end) {
-    const size_t length = end > begin ? static_cast<size_t>(end - begin) : 0;
-    const size_t copied = std::min(length, size - 1);
-    memcpy(text, begin, copied);
-    text[copied] = '\0';
-    return copied == length;
-}
-
-bool is_address(const char *text) {
-    in_addr address;
-    return text[0] != '\0' && inet_aton(text, &address);
-}
-
-/** Length of a stretch of a key as a printf precision. */
-int shown_length(const char *begin, const char *end) {
-    constexpr ptrdiff_t kMoreThanALogLineHolds = 4096;
-    return static_cast<int>(std::clamp<ptrdiff_t>(end - begin, 0, kMoreThanALogLineHolds));
-}
-
-/** Reads DEST and MASK, which begin behind `brace`. Returns the colon behind MASK; NULL when the key is refused. */
-const char *split_addresses(const char *key, const char *brace, KeyTexts *texts) {
-    // the key's own first colon: one before the brace leaves no destination
-    const char *dest_end = strchr(key, ':');
-    if (!dest_end) {
-        log_error("<VYRWRAP>: %d: Error in Path, no ':' symbol", 73);  // the number belongs to the text
-        return nullptr;
-    }
-    const char *dest = brace + 1;
-    if (!copy_between(texts->dest, sizeof texts->dest, dest, dest_end) || !is_address(texts->dest)) {
-        log_error("<VYRWRAP>: Error in Path, Invalid dest ip %.*s", shown_length(dest, dest_end), dest);
-        return nullptr;
-    }
-    const char *mask = dest_end + 1;
-    const char *mask_end = strchr(mask, ':');
-    if (!mask_end) {
-        log_error("<VYRWRAP>: %d: Error in Path, no ':' symbol", 87);
-        return nullptr;
-    }
-    if (!copy_between(texts->mask, sizeof texts->mask, mask, mask_end) || !is_address(texts->mask)) {
-        log_error("<VYRWRAP>: Error in Path, Invalid mask ip %.*s", shown_length(mask, mask_end), mask);
-        return nullptr;
-    }
-    return mask_end;
-}
+/** Addresses have at most 16 characters; the two lines are numbers that belong to the messages. */
+constexpr KeyAddressRules kAddressRules = {sizeof KeyAddresses::address, 73, 87};
 
 /** Takes a key apart at its separators. Returns false when it is refused. */
 bool split_key(const char *key, KeyTexts *texts) {
-    const char *brace = strchr(key, '{');
-    if (!brace) {
-        log_error("<VYRWRAP>: Error in Path, no '{' symbol");
-        return false;
-    }
-    const char *mask_end = split_addresses(key, brace, texts);
+    const char *mask_end = read_key_addresses(key, kAddressRules, &texts->addresses);
     if (!mask_end)
         return false;
     const char *type = mask_end + 1;
@@ -127,7 +76,7 @@ bool take_pppoe(StaticRouteCfg *route, const KeyTexts &texts) {
         log_error("<VYRWRAP>: Error in format of PPPoE nexthop %s", texts.next_hop);
         return false;
     }
-    if (strlen(gateway) >= kAddressSize || !is_address(gateway)) {
+    if (strlen(gateway) >= sizeof KeyAddresses::address || !is_ipv4_text(gateway)) {
         log_error("<VYRWRAP>: Error in Path, Invalid PPPoE Gateway ip %s", gateway);
         return false;
     }
@@ -171,15 +120,15 @@ int vyrwrap_extract_static_route_cfg_from_path(StaticRouteCfg *route, const char
     KeyTexts texts = {};
     if (!split_key(key, &texts))
         return 0;
-    route->dest = str_to_ip(texts.dest);
-    route->mask = str_to_ip(texts.mask);
+    route->dest = str_to_ip(texts.addresses.address);
+    route->mask = str_to_ip(texts.addresses.netmask);
     if (!take_next_hop(route, texts))
         return 0;
     const int metric = parse_int(value);
     route->metric = static_cast<uint32_t>(metric);
     route->is_delete = is_delete ? 1 : 0;
     log_debug("<VYRWRAP>: %s:%d: path %s, dest %s,             mask %s, gw/ipsec %s, mtrc %s, metric %d, defVal %u",
-              "vyrwrap_extract_static_route_cfg_from_path", 153, key, texts.dest, texts.mask, texts.next_hop,
-              text_or_null(value), metric, static_cast<unsigned>(is_delete));
+              "vyrwrap_extract_static_route_cfg_from_path", 153, key, texts.addresses.address, texts.addresses.netmask,
+              texts.next_hop, text_or_null(value), metric, static_cast<unsigned>(is_delete));
     return 1;
 }
