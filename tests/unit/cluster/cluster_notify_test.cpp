@@ -60,6 +60,13 @@ TEST_F(ClusterNotifyTest, AClusterOfTwelveNodesIsSentWhole) {
     EXPECT_EQ(app_.receive(), Texts{message(1, "c", 0x0A090807, 1, kMac, 12)});
 }
 
+TEST_F(ClusterNotifyTest, AnyStateBut0IsActive) {
+    set_cluster("c", "10.9.8.7", "255", 1);
+    add_tunnel("t", 0x0A090807, kMac);
+    notify("c", "hset");
+    EXPECT_EQ(app_.receive(), Texts{message(1, "c", 0x0A090807, 255, kMac, 1)});
+}
+
 TEST_F(ClusterNotifyTest, AnInactiveClusterIsADeletionWithItsNodesAndWithoutALookup) {
     set_cluster("east", "10.9.8.7", "0", 2);
     add_tunnel("t", 0x0A090807, kMac);

@@ -136,6 +136,18 @@ TEST_F(ClusterReplayTest, AFailedSendIsLoggedAndTheNextClusterSent) {
               Texts{" Failed sending cluster-info (a, cluster-state:1, opCode:1, node_count:2) to Vyr (ret:-1)"});
 }
 
+TEST_F(ClusterReplayTest, ASendOfNothingIsAFailedSend) {
+    set_cluster("a", "10.9.8.7", "1", 2);
+    fake::on_sendto = [](long *result) {
+        *result = 0;
+        return true;
+    };
+    vyrwrap_read_all_send_clusters_from_dal_to_vyr();
+    EXPECT_EQ(fake::log_texts(3),
+              Texts{kReplay + std::string(" Failed sending cluster-info (a, cluster-state:1, opCode:1, node_count:2) "
+                                          "to Vyr (ret:0)")});
+}
+
 TEST_F(ClusterReplayTest, ADalThatDoesNotAnswerEndsTheReplay) {
     set_cluster("a", "10.9.8.7", "1", 1);
     fake::failing_calls = {"dal_sync_ctx_chk"};

@@ -27,4 +27,20 @@ TEST(CopyText, ReadsNoFurtherThanItCopies) {
     EXPECT_STREQ(field, "abcd");
 }
 
+TEST(CopyBetween, TellsWhetherEverythingFits) {
+    const char text[] = "abcdef";
+    char field[4] = {'x', 'x', 'x', '!'};
+    EXPECT_TRUE(copy_between(field, 3, text + 1, text + 3));
+    EXPECT_EQ(std::string(field, sizeof field), std::string("bc\0!", 4));
+    EXPECT_FALSE(copy_between(field, 3, text + 1, text + 4));
+    EXPECT_EQ(std::string(field, sizeof field), std::string("bc\0!", 4));
+}
+
+TEST(CopyBetween, CopiesNothingWhereTheEndLiesBefore) {
+    const char text[] = "abcdef";
+    char field[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_TRUE(copy_between(field, sizeof field, text + 3, text + 1));
+    EXPECT_STREQ(field, "");
+}
+
 }  // namespace

@@ -15,6 +15,8 @@ unsigned address_length;
 
 std::function<bool(long *)> on_fork;
 std::function<bool(int, int, int *)> on_kill;
+std::function<bool(long *)> on_sendto;
+long sendto_address_length = -1;
 std::function<bool(fd_set *, fd_set *, timeval *, int *)> on_select;
 long peer_uid = -1;
 long effective_uid = -1;
@@ -99,6 +101,8 @@ void reset_calls() {
         count = 0;
     on_fork = nullptr;
     on_kill = nullptr;
+    on_sendto = nullptr;
+    sendto_address_length = -1;
     on_select = nullptr;
     peer_uid = -1;
     effective_uid = -1;
@@ -130,14 +134,23 @@ WRAP(CALL_LISTEN, int, -1, listen, (int fd, int backlog), (fd, backlog))
 WRAP(CALL_ACCEPT, int, -1, accept, (int fd, sockaddr *address, socklen_t *length), (fd, address, length))
 WRAP(CALL_READ, ssize_t, -1, read, (int fd, void *buffer, size_t size), (fd, buffer, size))
 WRAP(CALL_WRITE, ssize_t, -1, write, (int fd, const void *buffer, size_t size), (fd, buffer, size))
-WRAP(CALL_SENDTO, ssize_t, -1, sendto,
-     (int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length),
-     (fd, buffer, size, flags, address, (address_length = length)))
 WRAP(CALL_RENAME, int, -1, rename, (const char *from, const char *to), (from, to))
 
 WRAP(CALL_SETSOCKOPT, int, -1, setsockopt, (int fd, int level, int option, const void *value, socklen_t length),
      (fd, level, option, value, length))
 WRAP(CALL_FTRUNCATE, int, -1, ftruncate, (int fd, off_t length), (fd, length))
+
+ssize_t __real_sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length);
+ssize_t __wrap_sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length);
+ssize_t __wrap_sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length) {
+    sendto_address_length = length;
+    if (fails(CALL_SENDTO))
+        return -1;
+    long result = 0;
+    if (on_sendto && on_sendto(&result))
+        return result;
+    return __real_sendto(fd, buffer, size, flags, address, length);
+}
 
 int __real_select(int n, fd_set *readable, fd_set *writable, fd_set *except, timeval *timeout);
 int __wrap_select(int n, fd_set *readable, fd_set *writable, fd_set *except, timeval *timeout);

@@ -49,20 +49,26 @@ int copy_out(const std::string &found, void *value, uint32_t *value_len) {
 }
 
 char *copy_of(const std::string &text) {
-    auto *copy = static_cast<char *>(malloc(text.size() + 1));
+    auto *copy = static_cast<char *>(__real_malloc(text.size() + 1));
     memcpy(copy, text.c_str(), text.size() + 1);
     return copy;
 }
 
-void append(List *list, const std::string &key, const std::string *value) {
-    auto *entry = static_cast<dal_kv *>(calloc(1, sizeof(dal_kv)));
+/** Appends an entry. Fails as the list does. */
+int append(List *list, const std::string &key, const std::string *value) {
+    auto *entry = static_cast<dal_kv *>(__real_calloc(1, sizeof(dal_kv)));
     entry->key = copy_of(key);
     entry->key_len = static_cast<uint32_t>(key.size());
     if (value) {
         entry->value = copy_of(*value);
         entry->value_len = static_cast<uint32_t>(value->size());
     }
-    ListAppend(list, entry);
+    if (ListAppend(list, entry) == 0)
+        return 0;
+    free(entry->key);
+    free(entry->value);
+    free(entry);
+    return -1;
 }
 
 }  // namespace
@@ -155,14 +161,16 @@ int dal_hgetall(dal_ctx *, dal_hash_request *request) {
     if (hash == fake::hashes.end())
         return 0;
     request->kvlist = ListCreate();
+    if (!request->kvlist)
+        return -1;
+    int result = 0;
     for (const auto &[field, value] : hash->second)
-        fake::append(request->kvlist, field, &value);
-    return fake::failing_calls.count("dal_hgetall late") ? -1 : 0;
+        result |= fake::append(request->kvlist, field, &value);
+    return result != 0 || fake::failing_calls.count("dal_hgetall late") ? -1 : 0;
 }
 
 int dal_scan(dal_ctx *, const char *pattern, List *keys) {
-    if (enter("dal_scan", pattern))
-        return -1;
+    const bool fails = enter("dal_scan", pattern);
     std::set<std::string> found;
     for (const auto &[key, value] : fake::strings)
         if (fake::matches(pattern, key))
@@ -170,18 +178,20 @@ int dal_scan(dal_ctx *, const char *pattern, List *keys) {
     for (const auto &[key, fields] : fake::hashes)
         if (fake::matches(pattern, key))
             found.insert(key);
+    int result = 0;
     for (const std::string &key : found)
-        fake::append(keys, key, nullptr);
-    return 0;
+        result |= fake::append(keys, key, nullptr);
+    return fails ? -1 : result;
 }
 
 int dal_mget_by_wildcard(dal_ctx *, const char *pattern, List *kvlist, dal_ctx **) {
     if (enter("dal_mget_by_wildcard", pattern))
         return -1;
+    int result = 0;
     for (const auto &[key, value] : fake::strings)
         if (fake::matches(pattern, key))
-            fake::append(kvlist, key, &value);
-    return 0;
+            result |= fake::append(kvlist, key, &value);
+    return result;
 }
 
 int dal_is_key_exist(dal_ctx *, const char *key, uint32_t key_len, int *exists) {

@@ -168,6 +168,8 @@ void fail_call(const std::string &call, int error, int skip = 0, int times = 1);
 /** Answers a call in place of the C library; return false to let it pass. `result` is what the call returns. */
 extern std::function<bool(long *result)> on_fork;
 extern std::function<bool(int pid, int signal_number, int *result)> on_kill;
+extern std::function<bool(long *result)> on_sendto;
+extern long sendto_address_length; /**< of the last sendto; negative after reset */
 extern std::function<bool(fd_set *readable, fd_set *writable, timeval *timeout, int *result)> on_select;
 
 extern long peer_uid;      /**< what SO_PEERCRED gives as the user's id; negative after reset: the true one */

@@ -1,6 +1,14 @@
 /* What the files of the fakes need of each other. */
 #pragma once
 
+#include <stddef.h>
+
+/* The C library's own, which no test makes fail. */
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+}
+
 namespace fake {
 
 void reset_calls();

@@ -50,6 +50,11 @@ TEST_F(LinkSendTest, NamesTheApplicationByTheWholeAddressStructure) {
     EXPECT_EQ(fake::address_length, 110U);
 }
 
+TEST_F(LinkSendTest, GivesTheWholeAddressStructure) {
+    vyrwrap_send_to_routing_app("x", 1);
+    EXPECT_EQ(fake::sendto_address_length, 110);
+}
+
 TEST_F(LinkSendTest, RefusesNothingToSendWithoutACallOrAMessage) {
     EXPECT_EQ(vyrwrap_send_to_routing_app(nullptr, 5), -1);
     EXPECT_EQ(vyrwrap_send_to_routing_app("text", 0), -1);

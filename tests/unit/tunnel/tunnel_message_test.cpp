@@ -161,4 +161,19 @@ TEST_F(TunnelMessageTest, ReportsAMessageThatCannotBeSent) {
     EXPECT_TRUE(infos().empty());
 }
 
+TEST_F(TunnelMessageTest, ReportsAMessageOfWhichNothingWasSent) {
+    fake::on_sendto = [](long *result) {
+        *result = 0;
+        return true;
+    };
+    EXPECT_EQ(vyrwrap_send_tunnel_msg_to_vyr(&record_, 1), -1);
+    EXPECT_EQ(errors(), Texts{"<VYRWRAP>:vyrwrap_send_tunnel_msg_to_vyr: Failed sending tunnel t (opcode:1,ts:0) to "
+                              "Vyr (ret:0)"});
+}
+
+TEST_F(TunnelMessageTest, RefusesAnOpcodeAlsoWithoutARecord) {
+    EXPECT_EQ(vyrwrap_send_tunnel_msg_to_vyr(nullptr, 13), -1);
+    EXPECT_EQ(errors(), Texts{"vyrwrap_send_tunnel_msg_to_vyr: Invalid opcode 13 (tunnel NULL)"});
+}
+
 }  // namespace

@@ -176,6 +176,15 @@ TEST_F(TunnelRecordTest, NamesMissingFieldsInTheirOrder) {
     EXPECT_TRUE(fake::log_texts(7).empty());
 }
 
+TEST_F(TunnelRecordTest, DoesNotTakeAFieldForOneWhoseNameItBeginsWith) {
+    set("mask2", "255.0.0.0");
+    fake::hashes["/op/tunnel/t"].erase("mask");
+    vpninfo record;
+    EXPECT_EQ(read(&record), -1);
+    EXPECT_EQ(record.mask, 0U);
+    EXPECT_EQ(errors().back(), kWhole + "Failed params(mask,)");
+}
+
 TEST_F(TunnelRecordTest, NamesEveryFieldOfAHashThatHasNone) {
     fake::hashes["/op/tunnel/t"] = {{"other", "1"}};
     vpninfo record;

@@ -1,6 +1,7 @@
 /* The replay: everything read again, everything sent as one datagram. */
 #include <errno.h>
 
+#include "fakes/bad_input.h"
 #include "tunnel/fixture.h"
 #include "tunnel/tunnel_message.h"
 #include "tunnel/tunnel_table.h"
@@ -182,6 +183,7 @@ TEST_F(TunnelReplayTest, SendsNothingForAnEmptyTable) {
     replay();
     EXPECT_EQ(infos().back(), kSend + "tot-tunnels:0, packed:0, failed:0");
     EXPECT_EQ(fake::call_count("sendto"), 0);
+    EXPECT_EQ(errors().size(), 1U) << "more than the line that the request itself is logged with";
 }
 
 TEST_F(TunnelReplayTest, DoesNothingWithoutATable) {
@@ -258,6 +260,34 @@ TEST_F(TunnelReplayTest, ReportsADatagramThatCannotBeSent) {
     EXPECT_EQ(errors().back(), kSend + "Failed to send tunnel message to VYR-APP (ret:-1)");
     EXPECT_EQ(count(), 1U);
     EXPECT_EQ(fake::call_count("sendto"), 1);
+}
+
+TEST_F(TunnelReplayTest, ReportsADatagramOfWhichNothingWasSent) {
+    put("a", 1);
+    fake::on_sendto = [](long *result) {
+        *result = 0;
+        return true;
+    };
+    replay();
+    EXPECT_EQ(errors().back(), kSend + "Failed to send tunnel message to VYR-APP (ret:0)");
+}
+
+TEST_F(TunnelReplayTest, OutlivesEveryFailureOfAnAllocation) {
+    for (uint32_t i = 1; i <= 20; i++)
+        put("t" + std::to_string(i), i);
+    const auto all = [] {
+        replay();
+        hset("new", 99);
+        fake::hashes.erase("/op/tunnel/new");
+        notify("new", "del");
+    };
+    fake::with_every_allocation_failing(all, [this, all] {
+        received();
+        all();
+        EXPECT_EQ(count(), 20U);
+        EXPECT_EQ(received().size(), 22U);
+        fake::log_lines.clear();
+    });
 }
 
 }  // namespace

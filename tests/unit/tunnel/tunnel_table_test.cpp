@@ -101,6 +101,9 @@ TEST_F(TunnelTableTest, DoesNothingForANullName) {
     vyrwrap_handle_dal_ipsec_tunnel_notify_hset(nullptr);
     EXPECT_TRUE(fake::log_lines.empty());
     EXPECT_TRUE(fake::dal_calls.empty());
+    vyrwrap_handle_dal_ipsec_tunnel_notify_del(nullptr);
+    EXPECT_EQ(errors(), Texts{"<VYRWRAP>: vyrwrap_handle_dal_ipsec_tunnel_notify_del: cann't delete tunnel NULL, it "
+                              "doesn't exist in vyrwrap"});
 }
 
 /* ---- changes ---- */
