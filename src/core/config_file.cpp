@@ -120,6 +120,14 @@ void config_file_printf(ConfigFile *file, const char *format, ...) {
     va_end(args);
 }
 
+size_t config_file_length(const ConfigFile *file) {
+    return file->length;
+}
+
+std::string_view config_file_text_from(const ConfigFile *file, size_t begin) {
+    return {file->text + begin, file->length - begin};
+}
+
 int config_file_flush(ConfigFile *file) {
     size_t written = 0;
     while (!file->error && written < file->length) {

@@ -43,6 +43,10 @@ template <typename... Texts>
     config_file_take(file, length);
 }
 
+/** What was appended and not yet flushed: its length, and its text from a place on (valid until the next call). */
+size_t config_file_length(const ConfigFile *file);
+std::string_view config_file_text_from(const ConfigFile *file, size_t begin);
+
 /** Writes what was appended to the new file; the old one still stands. Returns 0, or -1 with errno set. */
 [[nodiscard]] int config_file_flush(ConfigFile *file);
 

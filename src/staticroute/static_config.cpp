@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include <charconv>
-#include <span>
 #include <string_view>
 
 #include "core/config_file.h"
@@ -190,18 +189,60 @@ void put_route(ConfigFile *file, const RouteText &route, const NextHopTexts &nex
     put_attributes(file, route, next_hops.count > 1 ? "        "sv : "    "sv);
 }
 
+void render_entry(ConfigFile *file, StaticRouteEntry *entry, uint8_t filter_mode) {
+    mark_data_vpnc(entry);
+    NextHopTexts next_hops;
+    select_next_hops(entry, filter_mode, &next_hops);
+    RouteText route;
+    describe_route(entry, &route);
+    put_route(file, route, next_hops);
+}
+
+/** A route as it was rendered last. At each change all routes but one are as they were. */
+struct RenderedRoute {
+    StaticRouteEntry entry;
+    size_t length; /**< of text; 0 when nothing was kept */
+    char text[160];
+};
+
+RenderedRoute last_rendered[kMaxStaticRoutes];
+
+/** Whether the same bytes in the entry mean the same text: a name behind a pointer may change, and its absence is
+ * logged. */
+bool can_be_kept(const StaticRouteEntry *entry, uint8_t filter_mode) {
+    for (int slot = 0; slot < kMaxNextHops; slot++)
+        if (entry->flags[slot] & (NEXT_HOP_CLUSTER | NEXT_HOP_IPSEC))
+            return false;
+    return filter_mode == 0;
+}
+
+void keep(RenderedRoute *rendered, const StaticRouteEntry *entry, std::string_view text) {
+    if (text.size() > sizeof rendered->text)
+        return;
+    memcpy(&rendered->entry, entry, sizeof *entry);
+    memcpy(rendered->text, text.data(), text.size());
+    rendered->length = text.size();
+}
+
+void put_entry(ConfigFile *file, StaticRouteEntry *entry, uint8_t filter_mode, RenderedRoute *rendered) {
+    if (!can_be_kept(entry, filter_mode)) {
+        render_entry(file, entry, filter_mode);
+        return;
+    }
+    if (rendered->length > 0 && memcmp(&rendered->entry, entry, sizeof *entry) == 0) {
+        config_file_put(file, {rendered->text, rendered->length});
+        return;
+    }
+    const size_t begin = config_file_length(file);
+    render_entry(file, entry, filter_mode);
+    keep(rendered, entry, config_file_text_from(file, begin));
+}
+
 void put_table(ConfigFile *file, const StaticRouteTable *table) {
     config_file_put(file, "protocol static {\n  ipv4;\n"sv);
-    for (StaticRouteEntry &entry : std::span(table->entries, kMaxStaticRoutes)) {
-        if (!entry.in_use)
-            continue;
-        mark_data_vpnc(&entry);
-        NextHopTexts next_hops;
-        select_next_hops(&entry, table->filter_mode, &next_hops);
-        RouteText route;
-        describe_route(&entry, &route);
-        put_route(file, route, next_hops);
-    }
+    for (size_t i = 0; i < kMaxStaticRoutes; i++)
+        if (table->entries[i].in_use)
+            put_entry(file, &table->entries[i], table->filter_mode, &last_rendered[i]);
     config_file_put(file, "}\n"sv);
 }
 
