@@ -18,10 +18,10 @@ build-clang: build/clang/build.ninja
 	@$(CMAKE_BUILD) build/clang
 
 build/build.ninja:
-	@cmake --preset release --log-level=WARNING
+	@cmake --preset release --log-level=WARNING >/dev/null
 
 build/%/build.ninja:
-	@cmake --preset $* --log-level=WARNING
+	@cmake --preset $* --log-level=WARNING >/dev/null
 
 # The main job on real input, told line by line.
 demo: build
