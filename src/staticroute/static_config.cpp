@@ -216,10 +216,18 @@ bool can_be_kept(const StaticRouteEntry *entry, uint8_t filter_mode) {
     return filter_mode == 0;
 }
 
+/** Whether two entries without names have the same text. */
+bool same_text(const StaticRouteEntry *a, const StaticRouteEntry *b) {
+    return a->dest == b->dest && a->mask == b->mask && a->metric == b->metric && a->distance == b->distance &&
+           memcmp(a->gateway, b->gateway, sizeof a->gateway) == 0 && memcmp(a->flags, b->flags, sizeof a->flags) == 0 &&
+           memcmp(a->kind, b->kind, sizeof a->kind) == 0 && memcmp(a->used, b->used, sizeof a->used) == 0 &&
+           memcmp(a->vlan, b->vlan, sizeof a->vlan) == 0;
+}
+
 void keep(RenderedRoute *rendered, const StaticRouteEntry *entry, std::string_view text) {
     if (text.size() > sizeof rendered->text)
         return;
-    memcpy(&rendered->entry, entry, sizeof *entry);
+    rendered->entry = *entry;
     memcpy(rendered->text, text.data(), text.size());
     rendered->length = text.size();
 }
@@ -229,7 +237,7 @@ void put_entry(ConfigFile *file, StaticRouteEntry *entry, uint8_t filter_mode, R
         render_entry(file, entry, filter_mode);
         return;
     }
-    if (rendered->length > 0 && memcmp(&rendered->entry, entry, sizeof *entry) == 0) {
+    if (rendered->length > 0 && same_text(&rendered->entry, entry)) {
         config_file_put(file, {rendered->text, rendered->length});
         return;
     }
