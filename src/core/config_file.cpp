@@ -28,6 +28,8 @@ constexpr size_t kFirstCapacity = 4096;
 
 /** 0 when the target may be replaced, else the errno value that says why not. */
 int target_error(const char *path) {
+    if (strlen(path) >= sizeof ConfigFile::path)
+        return ENAMETOOLONG;
     struct stat status;
     if (lstat(path, &status) < 0)
         return errno == ENOENT ? 0 : errno;
@@ -97,7 +99,8 @@ void config_file_take(ConfigFile *file, size_t length) {
 }
 
 void config_file_put(ConfigFile *file, std::string_view text) {
-    config_file_put_all(file, text);
+    if (!text.empty())  // its data may be NULL then, which memcpy must not be given
+        config_file_put_all(file, text);
 }
 
 void config_file_put_number(ConfigFile *file, unsigned number) {

@@ -14,9 +14,9 @@
 struct ConfigFile;
 
 /**
- * Begins a file at `path`, mode 0644. Fails where the target is anything but a regular file or absent, or where no file
- * can be made beside it. Returns NULL with errno set; else the caller owns the result and hands it to
- * config_file_close or config_file_discard.
+ * Begins a file at `path` (at most 63 characters), mode 0644. Fails where the target is anything but a regular file or
+ * absent, or where no file can be made beside it. Returns NULL with errno set; else the caller owns the result and
+ * hands it to config_file_close or config_file_discard.
  */
 [[nodiscard]] ConfigFile *config_file_open(const char *path);
 
@@ -30,8 +30,8 @@ void config_file_printf(ConfigFile *file, const char *format, ...) __attribute__
 void config_file_take(ConfigFile *file, size_t length);
 
 /**
- * Appends several std::string_view, one behind the other. Always inline, as a constant text is a store or two then: a
- * full route table has thousands of them, at each change.
+ * Appends several std::string_view, none of which has NULL data, one behind the other. Always inline, as a constant
+ * text is a store or two then: a full route table has thousands of them, at each change.
  */
 template <typename... Texts>
 [[gnu::always_inline]] inline void config_file_put_all(ConfigFile *file, Texts... texts) {

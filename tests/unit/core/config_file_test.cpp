@@ -1,7 +1,10 @@
 #include "core/config_file.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,12 +13,21 @@
 namespace {
 
 constexpr char kPath[] = "/tmp/config_file_test.conf";
+constexpr char kNewPath[] = "/tmp/config_file_test.conf.new";
 
 class ConfigFileTest : public fake::Test {
 protected:
     void SetUp() override {
         fake::Test::SetUp();
         unlink(kPath);
+        unlink(kNewPath);
+    }
+
+    /** Opens, which shall fail. Returns errno. */
+    static int open_error(const char *path) {
+        errno = 0;
+        EXPECT_EQ(config_file_open(path), nullptr);
+        return errno;
     }
 };
 
@@ -57,6 +69,99 @@ TEST_F(ConfigFileTest, RefusesASymbolicLink) {
     errno = 0;
     EXPECT_EQ(config_file_open(kPath), nullptr);
     EXPECT_EQ(errno, ELOOP);
+}
+
+TEST_F(ConfigFileTest, RefusesAPipeWithoutWaitingForItsReader) {
+    ASSERT_EQ(mkfifo(kPath, 0644), 0);
+    EXPECT_EQ(open_error(kPath), ENXIO);
+}
+
+TEST_F(ConfigFileTest, RefusesAPathThatCannotBeLookedAt) {
+    fake::write_file(kPath, "a file");
+    EXPECT_EQ(open_error("/tmp/config_file_test.conf/below"), ENOTDIR);
+}
+
+TEST_F(ConfigFileTest, RefusesAPathThatItCannotHoldWhole) {
+    const std::string beyond = "/tmp/" + std::string(70, 'p');
+    EXPECT_EQ(open_error(beyond.c_str()), ENAMETOOLONG);
+    EXPECT_EQ(fake::read_file(beyond.substr(0, 63) + ".new"), "(no file)");
+}
+
+TEST_F(ConfigFileTest, SaysWhyNoFileCanBeMadeBesideTheOldOne) {
+    ASSERT_EQ(mkdir(kNewPath, 0755), 0);
+    const int error = open_error(kPath);
+    rmdir(kNewPath);
+    EXPECT_EQ(error, EISDIR);
+}
+
+TEST_F(ConfigFileTest, DoesNotWriteThroughALinkOrPipeLeftInTheNewFilesPlace) {
+    fake::write_file("/tmp/config_file_victim", "untouched");
+    ASSERT_EQ(symlink("/tmp/config_file_victim", kNewPath), 0);
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    config_file_put(file, "text");
+    ASSERT_EQ(config_file_close(file), 0);
+    EXPECT_EQ(fake::read_file("/tmp/config_file_victim"), "untouched");
+    ASSERT_EQ(mkfifo(kNewPath, 0644), 0);
+    file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    config_file_put(file, "more text");
+    ASSERT_EQ(config_file_close(file), 0);
+    EXPECT_EQ(fake::read_file(kPath), "more text");
+}
+
+TEST_F(ConfigFileTest, NoChildInheritsTheNewFile) {
+    const int lowest_free = dup(0);
+    close(lowest_free);
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(fcntl(lowest_free, F_GETFD), FD_CLOEXEC);
+    config_file_discard(file);
+}
+
+TEST_F(ConfigFileTest, TakesTextsOfEveryLengthAroundItsBuffer) {
+    for (size_t length = 4090; length <= 4100; length++) {
+        const std::string text(length, 'x');
+        ConfigFile *file = config_file_open(kPath);
+        ASSERT_NE(file, nullptr);
+        config_file_put(file, std::string_view());
+        config_file_printf(file, "%s", text.c_str());
+        ASSERT_EQ(config_file_close(file), 0);
+        EXPECT_EQ(fake::read_file(kPath), text);
+    }
+}
+
+TEST_F(ConfigFileTest, NothingIsPutInPlaceWhenOneOfItsTextsIsLost) {
+    fake::write_file(kPath, "old\n");
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    config_file_put(file, "kept");
+    fake::fail_call("realloc", ENOMEM);
+    config_file_put(file, std::string(5000, 'x'));
+    config_file_put(file, "short enough");
+    errno = 0;
+    EXPECT_EQ(config_file_close(file), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(fake::read_file(kPath), "old\n");
+}
+
+TEST_F(ConfigFileTest, AFileThatIsWrittenInPartOnlyIsNotPutInPlace) {
+    fake::write_file(kPath, "old\n");
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    config_file_put(file, std::string(10000, 'x'));
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit small = {4096, before.rlim_max};
+    const auto old_handler = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const int result = config_file_close(file);
+    const int error = errno;
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, old_handler);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EFBIG);
+    EXPECT_EQ(fake::read_file(kPath), "old\n");
 }
 
 TEST_F(ConfigFileTest, KeepsTheOldFileWhenWritingFails) {
@@ -102,7 +207,7 @@ TEST_F(ConfigFileTest, GoesOverANewFileLeftByAnEarlierRun) {
     EXPECT_EQ(fake::read_file(kPath), "fresh");
 }
 
-TEST_F(ConfigFileTest, GoesOnAfterAPartialOrInterruptedWrite) {
+TEST_F(ConfigFileTest, GoesOnAfterAnInterruptedWrite) {
     ConfigFile *file = config_file_open(kPath);
     ASSERT_NE(file, nullptr);
     const std::string text(100000, 'x');
