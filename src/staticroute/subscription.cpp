@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "core/notification.h"
 #include "core/owned.h"
+#include "core/text.h"
 #include "mrt/mrt_export.h"
 #include "staticroute/route_key.h"
 #include "staticroute/table.h"
@@ -53,13 +54,10 @@ bool is_text(const dal_kv *entry) {
     return entry->key && !memchr(entry->key, '\0', entry->key_len);
 }
 
-/** The key that a channel tells of, cut to `size`; NULL when the channel names none. */
-const char *key_of_channel(const char *channel, char *key, size_t size) {
+/** The key that a channel tells of; NULL when it names none. */
+const char *key_of_channel(const char *channel) {
     const char *colon = channel ? strchr(channel, ':') : nullptr;
-    if (!colon)
-        return nullptr;
-    snprintf(key, size, "%s", colon + 1);  // a cut key has lost its brace and is refused
-    return key;
+    return colon ? colon + 1 : nullptr;
 }
 
 /** The key's value, its metric; empty when it cannot be read, as that of a deleted key. */
@@ -72,6 +70,18 @@ void read_metric(const char *key, char (&metric)[kMetricLength + 1]) {
 /** Also true for the beginning of the word and for the empty text. */
 bool is_delete(const char *operation) {
     return strncmp(operation, "del", strlen(operation)) == 0;
+}
+
+/** Reads the route that a changed key spells; NULL is refused as the parser refuses it. */
+bool read_route(const char *changed_key, int deleted, StaticRouteCfg *route) {
+    if (!changed_key)
+        return vyrwrap_extract_static_route_cfg_from_path(route, nullptr, "", deleted);
+    char key[kKeySize];
+    copy_text(key, sizeof key, changed_key);
+    char metric[kMetricLength + 1] = {};
+    read_metric(key, metric);
+    const bool whole = changed_key[strlen(key)] == '\0';  // what is left of a cut key may be a valid one, but another
+    return vyrwrap_extract_static_route_cfg_from_path(route, key, metric, deleted) && whole;
 }
 
 }  // namespace
@@ -119,13 +129,8 @@ void vyrwrap_static_route_subscribe_callback(dal_ctx *, const dal_reply *reply, 
         static_cast<const void *>(complete ? reply->element[NOTIFICATION_DATA] : nullptr), text_or_null(operation));
     if (!complete || !operation)
         return;
-    char key_text[kKeySize];
-    char metric[kMetricLength + 1] = {};
-    const char *key = key_of_channel(channel, key_text, sizeof key_text);
-    if (key)
-        read_metric(key, metric);
     StaticRouteCfg route;
-    if (vyrwrap_extract_static_route_cfg_from_path(&route, key, metric, is_delete(operation) ? 1 : 0))
+    if (read_route(key_of_channel(channel), is_delete(operation) ? 1 : 0, &route))
         apply(&route);
     else
         log_error("<VYRWRAP>: %s: %d: Error in extracting static cfg while setting", kFunction, 201);

@@ -250,6 +250,16 @@ TEST_F(SubscriptionTest, AKeyLongerThanItsBufferHasLostItsBraceAndIsRefused) {
     EXPECT_EQ(entry(1).in_use, 0U);
 }
 
+TEST_F(SubscriptionTest, ACutKeyIsRefusedAlsoWhereItsBraceIsKept) {
+    const std::string route = route_key("10.1.0.0", "255.255.0.0", 1, "1.1.1.1");
+    change(route + std::string(127 - route.size(), 'x'), "set");
+    EXPECT_EQ(entry(0).in_use, 1U);
+    fake::log_lines.clear();
+    change(route + std::string(128 - route.size(), 'x'), "del");
+    EXPECT_EQ(entry(0).in_use, 1U) << "what is left of the key is another key";
+    EXPECT_EQ(fake::log_texts(3).back(), std::string(kCallback) + "201: Error in extracting static cfg while setting");
+}
+
 TEST_F(SubscriptionTest, TheFirstColonEndsTheChannelsPrefix) {
     deliver("a:/op/staticroute/{10.1.0.0:255.255.0.0:2:m:n}", "set");
     EXPECT_STREQ(entry(0).map_name[0], "m:n");
