@@ -24,8 +24,7 @@ bool vyrwrap_module_log_enabled(int module, LogLevel level);
 /** The same for the daemon's own module. */
 bool vyrwrap_log_enabled(LogLevel level);
 
-/** Formats and emits one message under the daemon's module, without asking whether its level is enabled. errno stays.
- */
+/** Formats and emits one message under the daemon's module, whether its level is enabled or not. errno stays. */
 void vyrwrap_log_emit(LogLevel level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 #define VYRWRAP_LOG(level, ...)                   \

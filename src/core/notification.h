@@ -26,12 +26,13 @@ bool notification_is_pattern_message(const dal_reply *reply);
 /** dal_keyspace_notify_type of the event text; 0 when there is none. */
 int notification_action(const dal_reply *reply);
 
-/** Whether the reply has four elements. If not, that is logged under the caller's name. */
+/** Whether the reply, which is not NULL, has four elements. If not, that is logged under the caller's name. */
 bool notification_is_complete(const dal_reply *reply, const char *function);
 
 /**
  * Takes the name behind `channel_prefix` and the event del, hset or hdel out of a notification on a hash's key. Any
  * other event, or number of elements, is logged under the caller's name; what is else no such notification is not.
+ * The reply is not NULL.
  *
  * @return the name, or NULL with *action_out as it was
  */

@@ -50,6 +50,7 @@ struct NextHopTexts {
 bool is_data_vpnc(const char *name) {
     unsigned mac[6];
     char rest[2];
+    // the prefix is sscanf's to check as well, which is slow for the many names that have another
     return strncmp(name, "data-vpnc-", strlen("data-vpnc-")) == 0 &&
            sscanf(name, "data-vpnc-%02X:%02X:%02X:%02X:%02X:%02X-%1s", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
                   &mac[5], rest) == 7;

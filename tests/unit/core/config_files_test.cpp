@@ -101,6 +101,7 @@ TEST_F(ConfigFilesTest, RefusesATemplateThatCannotBeRead) {
     EXPECT_EQ(vyrwrap_write_startup_config(), -1);
     EXPECT_EQ(fake::log_texts(3), (Texts{"<VYRWRAP>: Failed to open /etc/bird/vyr.conf - Is a directory"}));
     EXPECT_EQ(fake::read_file("/tmp/vyr.conf"), "(no file)");
+    EXPECT_EQ(fake::read_file("/tmp/vyr.conf.new"), "(no file)");
 }
 
 TEST_F(ConfigFilesTest, StopsAtAMainFileThatCannotBeOpened) {
@@ -133,6 +134,26 @@ TEST_F(ConfigFilesTest, StopsAtAnApplicationFileThatCannotBeOpenedWithTwoLines) 
 TEST_F(ConfigFilesTest, StopsAtAStaticFileThatCannotBeOpened) {
     EXPECT_EQ(errors_with_directory_at("/tmp/vyr_static.conf"),
               (Texts{"<VYRWRAP>: Failed to open /tmp/vyr_static.conf - Is a directory"}));
+}
+
+TEST_F(ConfigFilesTest, LeavesNoDescriptorOpenOnAnyWay) {
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator open_ones("/proc/self/fd");
+        return std::distance(begin(open_ones), end(open_ones));
+    };
+    const auto before = descriptors();
+    EXPECT_EQ(vyrwrap_write_startup_config(), 0);
+    EXPECT_EQ(descriptors(), before);
+    for (const char *path : {"/tmp/vyr_static.conf", "/tmp/vyr.conf"}) {
+        std::filesystem::remove(path);
+        errors_with_directory_at(path);
+        EXPECT_EQ(descriptors(), before) << path;
+    }
+    std::filesystem::remove("/tmp/vyr.conf");
+    unlink(kTemplate);
+    mkdir(kTemplate, 0755);
+    EXPECT_EQ(vyrwrap_write_startup_config(), -1);
+    EXPECT_EQ(descriptors(), before);
 }
 
 TEST_F(ConfigFilesTest, ReportsWhyOpeningFailedWhateverTheLogDoesToErrno) {

@@ -1,5 +1,6 @@
 #include "core/dal_adapter.h"
 
+#include <errno.h>
 #include <stdlib.h>
 
 #include "fakes/fakes.h"
@@ -108,6 +109,14 @@ TEST_F(DalAdapterTest, CleanupWithoutATimerRemovesInputsOnly) {
     redisDispatcherCleanup(&conn);
     EXPECT_EQ(fake::dispatcher_calls, (Calls{"DispRemoveInput 7 1", "DispRemoveInput 7 2"}));
     EXPECT_EQ(conn.timer_slot, nullptr);
+}
+
+TEST_F(DalAdapterTest, CleanupOfAConnectionThatGotNoSlotRemovesInputsOnly) {
+    fake::fail_call("calloc", ENOMEM);
+    EXPECT_EQ(vyrwrap_dal_attach(&conn), 0);
+    EXPECT_EQ(conn.timer_slot, nullptr);
+    redisDispatcherCleanup(&conn);
+    EXPECT_EQ(fake::dispatcher_calls, (Calls{"DispRemoveInput 7 1", "DispRemoveInput 7 2"}));
 }
 
 TEST_F(DalAdapterTest, CleanupWhileShuttingDownOnlyClearsTheRecord) {

@@ -94,6 +94,12 @@ TEST_F(NotificationTest, AFailedSubscriptionIsLoggedAndItsResultReturned) {
               std::vector<std::string>{"<VYRWRAP>:f:10 Failed to subscribe dal for (PSUBSCRIBE a*)"});
 }
 
+TEST_F(NotificationTest, SubscribesToAPatternOfAnyUsualLength) {
+    const std::string pattern(192, 'p');
+    notification_subscribe(pattern.c_str(), callback, {"f", 10, 11});
+    EXPECT_EQ(fake::dal_calls, std::vector<std::string>{"dal_sub_command PSUBSCRIBE " + pattern});
+}
+
 TEST_F(NotificationTest, FindsWhatStandsBehindAPrefix) {
     EXPECT_STREQ(text_behind("/op/x", "/op/"), "x");
     EXPECT_STREQ(text_behind("/op/", "/op/"), "");
