@@ -41,6 +41,21 @@ TEST_F(DescriptorTest, MovesAStandardDescriptorAndClosesTheOldOne) {
     }
 }
 
+TEST_F(DescriptorTest, MovesOneAboveAllThreeWhenMoreOfThemAreFree) {
+    const int kept[] = {dup(1), dup(2)};
+    close(1);
+    close(2);
+    const int fd = open("/dev/null", O_RDONLY);
+    const int moved = move_above_stdio(fd);
+    dup2(kept[0], 1);
+    dup2(kept[1], 2);
+    close(kept[0]);
+    close(kept[1]);
+    EXPECT_EQ(fd, 1);
+    EXPECT_GT(moved, 2);
+    close(moved);
+}
+
 TEST_F(DescriptorTest, PassesANegativeDescriptorThroughWithItsErrno) {
     errno = EMFILE;
     EXPECT_EQ(move_above_stdio(-1), -1);

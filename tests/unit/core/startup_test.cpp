@@ -130,6 +130,11 @@ TEST_F(StartupTest, RegistersThePeriodicTimer) {
     EXPECT_EQ(vyrwrap_global.timer_ticks, before + 1);
 }
 
+TEST_F(StartupTest, KeepsTheApplicationSocket) {
+    vyrwrap_main();
+    EXPECT_GT(vyrwrap_global.app_sock_fd, 2);
+}
+
 TEST_F(StartupTest, MakesTheDalContextInTheLoop) {
     vyrwrap_main();
     ASSERT_EQ(fake::contexts.size(), 1U);
@@ -159,7 +164,9 @@ TEST_F(StartupTest, AMissingMainTemplateEndsStartUpWithMinus1) {
 
 TEST_F(StartupTest, AMissingOverlayTemplateEndsStartUpWithMinus1) {
     unlink("/etc/bird/vyr_oap.conf");
+    unlink("/tmp/vyr_static.conf");
     EXPECT_EQ(vyrwrap_main(), -1);
+    EXPECT_EQ(fake::read_file("/tmp/vyr_static.conf"), "") << "laid out before";
     EXPECT_TRUE(fake::dispatcher_calls.empty());
     EXPECT_FALSE(fake::logged(3, "I'M @ END OF VYRWRAP!!"));
 }
@@ -212,7 +219,7 @@ TEST_F(StartupTest, WithoutMemoryForTheTableItEndsWithStatus12) {
         fake::fail_call("calloc", ENOMEM, 0, 1000);
         vyrwrap_init();
     };
-    EXPECT_EXIT(start(), testing::ExitedWithCode(12), "vyrwrap_init\n");
+    EXPECT_EXIT(start(), testing::ExitedWithCode(12), "^vyrwrap_init\n$");
 }
 
 TEST_F(StartupTest, KillsTheRoutingDaemonAtTheEnd) {

@@ -324,6 +324,17 @@ TEST_F(TimerTest, ChecksTheSubscriptionConnectionEveryTwelfthRun) {
     EXPECT_EQ(fake::dal_calls, (Texts{"dal_sub_ctx_chk", "dal_sub_ctx_chk"}));
 }
 
+TEST_F(TimerTest, SubscribesAgainBeforeItChecksTheConnection) {
+    vyrwrap_alloc_static_route_table();
+    vyrwrap_global.timer_ticks = 11;
+    vyrwrap_global.dal_lost = 1;
+    vyrwrap_mytimer();
+    EXPECT_EQ(fake::dal_calls.front(), "dal_sub_command PSUBSCRIBE /ipc/event/vyrwrap/mrt");
+    EXPECT_EQ(fake::dal_calls.back(), "dal_sub_ctx_chk");
+    EXPECT_EQ(fake::checked_context, vyrwrap_global.dal_ctx);
+    free(vyrwrap_global.static_routes.entries);
+}
+
 /* ---- the routing daemon's end: how it ended, what the timer finds, what comes of it ---- */
 
 struct End {

@@ -22,6 +22,7 @@ std::function<void(const std::string &)> on_dal_call;
 std::map<std::string, Subscription> subscriptions;
 std::vector<Publication> publications;
 std::vector<ContextArguments> contexts;
+dal_ctx *checked_context;
 
 namespace {
 
@@ -87,6 +88,7 @@ void reset_dal() {
     publications.clear();
     contexts.clear();
     evloops.clear();
+    checked_context = nullptr;
 }
 
 Reply::Reply(const std::vector<std::string> &elements, int type) : texts_(elements) {
@@ -218,7 +220,8 @@ int dal_sync_ctx_chk(dal_ctx *) {
     return enter("dal_sync_ctx_chk", "") ? -1 : 0;
 }
 
-int dal_sub_ctx_chk(dal_ctx *) {
+int dal_sub_ctx_chk(dal_ctx *ctx) {
+    fake::checked_context = ctx;
     return enter("dal_sub_ctx_chk", "") ? -1 : 0;
 }
 

@@ -99,6 +99,7 @@ extern std::vector<ContextArguments> contexts;
 
 /** A context of the fake DAL, for vyrwrap_global.dal_ctx. */
 dal_ctx *context();
+extern dal_ctx *checked_context; /**< what dal_sub_ctx_chk was given last */
 
 /** A reply made of texts; an element of the null text has str NULL. Valid while the object lives. */
 class Reply {

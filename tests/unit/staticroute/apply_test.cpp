@@ -209,11 +209,13 @@ TEST_F(ApplyTest, NamesAreComparedToTheirFullLength) {
 TEST_F(ApplyTest, TakesNamesThatFillTheirFieldWithoutATerminator) {
     StaticRouteCfg route = ipsec_route("10.1.0.0", "255.255.0.0", "", 5);
     memset(route.map_name, 'm', sizeof route.map_name);
-    ASSERT_EQ(add(route), 1);
-    EXPECT_EQ(entry(0).map_name[0], std::string(200, 'm'));
-    route.kind = ROUTE_KIND_CLUSTER;
     memset(route.cluster_name, 'c', sizeof route.cluster_name);
     ASSERT_EQ(add(route), 1);
+    EXPECT_EQ(vyrwrap_global.cur_nexthop_str, std::string(200, 'm'));
+    EXPECT_EQ(entry(0).map_name[0], std::string(200, 'm'));
+    route.kind = ROUTE_KIND_CLUSTER;
+    ASSERT_EQ(add(route), 1);
+    EXPECT_EQ(vyrwrap_global.cur_nexthop_str, std::string(41, 'c'));
     EXPECT_EQ(entry(0).cluster_name[1], std::string(41, 'c'));
     EXPECT_EQ(remove(route), 1);
     EXPECT_EQ(entry(0).used[1], 0);
@@ -224,6 +226,17 @@ TEST_F(ApplyTest, ASlotWithoutANameMatchesNoNamedNextHop) {
     ASSERT_EQ(add(ipsec_route("10.1.0.0", "255.255.0.0", "", 5)), 1);
     ASSERT_EQ(add(cluster_route("10.1.0.0", "255.255.0.0", "", 5)), 1);
     EXPECT_EQ(entry(0).used[2], 1);
+}
+
+TEST_F(ApplyTest, AnUnusedSlotIsNotTakenForARouteWithoutNextHop) {
+    const StaticRouteCfg nowhere = gateway_route("10.1.0.0", "255.255.0.0", "0.0.0.0", 5);
+    ASSERT_EQ(add(gateway_route("10.1.0.0", "255.255.0.0", "1.1.1.1", 5)), 1);
+    fake::write_file(kStaticFile, "old");
+    ASSERT_EQ(remove(nowhere), 1);
+    EXPECT_EQ(static_file(), "old") << "there was nothing to delete";
+    vyrwrap_global.static_route_count = 1;
+    ASSERT_EQ(add(nowhere), 1);
+    EXPECT_EQ(vyrwrap_global.static_route_count, 2U) << "a new next hop";
 }
 
 TEST_F(ApplyTest, ARouteWithoutNextHopReplacesANamedOneAndFreesItsName) {
@@ -272,6 +285,15 @@ TEST_F(ApplyTest, ADropRouteToAClusterForgetsTheGatewayBefore) {
     ASSERT_EQ(add(drop), 1);
     EXPECT_EQ(entry(0).gateway[0], 0U);
     EXPECT_EQ(entry(0).flags[0], 8U);
+}
+
+TEST_F(ApplyTest, ADropRouteToAMapForgetsTheGatewayBefore) {
+    ASSERT_EQ(add(gateway_route("10.1.0.0", "255.255.0.0", "1.1.1.1", 5)), 1);
+    StaticRouteCfg drop = ipsec_route("10.1.0.0", "255.255.0.0", "map1", 5);
+    drop.flags = NEXT_HOP_DROP;
+    ASSERT_EQ(add(drop), 1);
+    EXPECT_EQ(entry(0).gateway[0], 0U);
+    EXPECT_EQ(entry(0).flags[0], 2U);
 }
 
 /* ---- limits ---- */
@@ -544,6 +566,18 @@ TEST_F(ApplyTest, MissingMemoryForTheFileIsAWriteFailure) {
 }
 
 /* ---- messages ---- */
+
+TEST_F(ApplyTest, AnInterfacesMessagesShowItsAddress) {
+    for (const uint32_t kind : {5U, 6U}) {
+        fake::fail_call("rename", EIO);
+        const std::string address = "1.1.1." + std::to_string(kind);
+        EXPECT_EQ(add(interface_route(kind, "10.2.0.0", "255.255.0.0", address.c_str(), 1, 5)), 0);
+        EXPECT_EQ(report.text,
+                  "Write into vyr configuration file failed - Input/output error.Route add failed for "
+                  "10.2.0.0/16 via " +
+                      address);
+    }
+}
 
 TEST_F(ApplyTest, APlainGatewaysMessagesShowTheNextHopOfTheRouteBefore) {
     ASSERT_EQ(add(cluster_route("10.1.0.0", "255.255.0.0", "cluster_c", 5)), 1);

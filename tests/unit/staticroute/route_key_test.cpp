@@ -183,6 +183,7 @@ TEST_F(RouteKeyTest, RefusesAddressesThatAreNone) {
 
 TEST_F(RouteKeyTest, AColonBeforeTheBraceLeavesNoDestination) {
     expect_refused("/op:x/staticroute/{10.1.0.0:255.255.0.0:1:1.1.1.1}", "<VYRWRAP>: Error in Path, Invalid dest ip ");
+    expect_refused("/op/staticroute/:{", "<VYRWRAP>: Error in Path, Invalid dest ip ");
     expect_refused("/op/staticroute/:{10.1.0.0:255.255.0.0:1:1.1.1.1}", "<VYRWRAP>: Error in Path, Invalid dest ip ");
 }
 

@@ -192,6 +192,14 @@ TEST_F(StaticConfigTest, ANameThatCannotStandBetweenQuotesIsWrittenAsMissing) {
     }
 }
 
+TEST_F(StaticConfigTest, AClusterComesBeforeAMapWhereASlotIsFlaggedAsBoth) {
+    add(cluster_route("10.1.0.0", "255.255.0.0", "cluster_c", 1));
+    entry(0).flags[0] = NEXT_HOP_CLUSTER | NEXT_HOP_IPSEC;
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(static_file(), with("  route 10.1.0.0/16 metric 1 via \"cluster_c\" {\n    krt_metric = 1;\n"
+                                  "    preference = 256;\n  };\n"));
+}
+
 TEST_F(StaticConfigTest, AnyOtherNameIsWrittenAsItIs) {
     const std::string longest = std::string(190, '%') + "s {};\\ \xc3\xa4";
     add(ipsec_route("10.1.0.0", "255.255.0.0", longest, 1));

@@ -42,6 +42,10 @@ TEST_F(SubscriptionTest, SubscribesAndReadsInOrder) {
     EXPECT_EQ(fake::log_texts(3)[0],
               "<VYRWRAP>:vyrwrap_subscribe_init:988 subscribed dal for (PSUBSCRIBE "
               "__keyspace@0__:/op/vlans/route_redistributed_vlans) done");
+    EXPECT_EQ(
+        fake::log_texts(3)[1],
+        "<VYRWRAP>:vyrwrap_read_and_send_all_redistributed_connected_VlanIfaceInfo_from_dal:Redistributed Vlan key "
+        "/op/vlans/route_redistributed_vlans ");
 }
 
 TEST_F(SubscriptionTest, OnlyTheLastSubscriptionIsChecked) {
