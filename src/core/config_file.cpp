@@ -128,6 +128,8 @@ size_t config_file_length(const ConfigFile *file) {
 }
 
 std::string_view config_file_text_from(const ConfigFile *file, size_t begin) {
+    if (file->error)
+        return {};
     return {file->text + begin, file->length - begin};
 }
 

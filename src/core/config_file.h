@@ -43,7 +43,10 @@ template <typename... Texts>
     config_file_take(file, length);
 }
 
-/** What was appended and not yet flushed: its length, and its text from a place on (valid until the next call). */
+/**
+ * What was appended and not yet flushed: its length, and its text from a place on (valid until the next call), which is
+ * empty after a failure, as a part of it may be missing.
+ */
 size_t config_file_length(const ConfigFile *file);
 std::string_view config_file_text_from(const ConfigFile *file, size_t begin);
 

@@ -226,7 +226,7 @@ bool same_text(const StaticRouteEntry *a, const StaticRouteEntry *b) {
 }
 
 void keep(RenderedRoute *rendered, const StaticRouteEntry *entry, std::string_view text) {
-    if (text.size() > sizeof rendered->text)
+    if (text.empty() || text.size() > sizeof rendered->text)
         return;
     rendered->entry = *entry;
     memcpy(rendered->text, text.data(), text.size());

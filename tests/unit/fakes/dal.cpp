@@ -123,7 +123,7 @@ dal_evloop_ctx *dal_evloop_ctx_init(Dispatcher *dispatcher, dal_evloop_op add_re
                                     dal_evloop_attach attach, void *, void *) {
     if (enter("dal_evloop_ctx_init", ""))
         return nullptr;
-    auto *evloop = static_cast<dal_evloop_ctx *>(malloc(sizeof(dal_evloop_ctx)));
+    auto *evloop = static_cast<dal_evloop_ctx *>(__real_malloc(sizeof(dal_evloop_ctx)));
     *evloop = {"", dispatcher, add_read, delete_read, add_write, delete_write, cleanup, attach};
     return evloop;
 }

@@ -327,6 +327,25 @@ TEST_F(StaticConfigTest, AFullFileSystemKeepsTheOldFile) {
     }
 }
 
+TEST_F(StaticConfigTest, NothingOfARenderingThatRanOutOfMemoryIsKept) {
+    for (int i = 0; i < 250; i++)
+        add(numbered_route(i, "1.1.1.1", 1));
+    for (uint32_t round = 0; round < 12; round++) {  // memory ends at other places of a route each time
+        const uint32_t metric = 1000 + round;
+        std::string routes;
+        for (int i = 0; i < 250; i++) {
+            entry(i).metric = i == 0 ? 1U << (2 * round) : metric;
+            const std::string shown = std::to_string(entry(i).metric);
+            routes += "  route 10.0." + std::to_string(i) + ".0/24 metric " + shown +
+                      " via 1.1.1.1 {\n    krt_metric = " + shown + ";\n    preference = 256;\n  };\n";
+        }
+        fake::fail_call("realloc", ENOMEM, static_cast<int>(round % 4));
+        EXPECT_EQ(write(), -1) << round;
+        EXPECT_EQ(write(), 0);
+        EXPECT_EQ(static_file(), with(routes)) << round;
+    }
+}
+
 TEST_F(StaticConfigTest, OneChangeIsOneWriteAndOneReplacement) {
     for (int i = 0; i < 272; i++)
         add(numbered_route(i, "1.1.1.1", 1));
