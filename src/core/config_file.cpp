@@ -12,9 +12,16 @@
 
 #include <charconv>
 
+namespace {
+
+constexpr size_t kPathSize = 64;
+constexpr size_t kNewPathSize = kPathSize + sizeof ".XXXXXX" - 1;
+
+}  // namespace
+
 struct ConfigFile {
-    char path[64];
-    char new_path[72];
+    char path[kPathSize];
+    char new_path[kNewPathSize];
     int fd;
     int error; /**< first failure, an errno value */
     char *text;
@@ -40,11 +47,20 @@ int target_error(const char *path) {
     return S_ISLNK(status.st_mode) ? ELOOP : ENXIO;
 }
 
-int create_exclusive(const char *path) {
+/** Creates the new file beside `path` and tells its name. Returns its descriptor, -1 with errno set. */
+int create_exclusive(const char *path, char (&new_path)[kNewPathSize]) {
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    int fd = open(path, kFlags, 0644);
-    if (fd < 0 && errno == EEXIST && unlink(path) == 0)  // left by a run that was killed
-        fd = open(path, kFlags, 0644);
+    snprintf(new_path, sizeof new_path, "%s.new", path);
+    int fd = open(new_path, kFlags, 0644);
+    if (fd >= 0 || errno != EEXIST)
+        return fd;
+    if (unlink(new_path) == 0)  // left by a run that was killed
+        return open(new_path, kFlags, 0644);
+    // /tmp is everybody's: what somebody put there to stay must not keep the file from being written
+    snprintf(new_path, sizeof new_path, "%s.XXXXXX", path);
+    fd = mkostemp(new_path, O_CLOEXEC);
+    if (fd >= 0)
+        fchmod(fd, 0644);
     return fd;
 }
 
@@ -79,8 +95,7 @@ ConfigFile *config_file_open(const char *path) {
     if (!file)
         return nullptr;
     snprintf(file->path, sizeof file->path, "%s", path);
-    snprintf(file->new_path, sizeof file->new_path, "%s.new", file->path);
-    file->fd = create_exclusive(file->new_path);
+    file->fd = create_exclusive(file->path, file->new_path);
     if (file->fd < 0) {
         const int saved_errno = errno;
         free(file);

@@ -88,10 +88,20 @@ TEST_F(ConfigFileTest, RefusesAPathThatItCannotHoldWhole) {
 }
 
 TEST_F(ConfigFileTest, SaysWhyNoFileCanBeMadeBesideTheOldOne) {
+    EXPECT_EQ(open_error("/tmp/no_such_folder/file.conf"), ENOENT);
+}
+
+TEST_F(ConfigFileTest, GoesRoundWhatCannotBeRemovedFromTheNewFilesPlace) {
     ASSERT_EQ(mkdir(kNewPath, 0755), 0);
-    const int error = open_error(kPath);
-    rmdir(kNewPath);
-    EXPECT_EQ(error, EISDIR);
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    config_file_put(file, "text");
+    ASSERT_EQ(config_file_close(file), 0);
+    ASSERT_EQ(rmdir(kNewPath), 0);
+    EXPECT_EQ(fake::read_file(kPath), "text");
+    struct stat status;
+    ASSERT_EQ(stat(kPath, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
 }
 
 TEST_F(ConfigFileTest, DoesNotWriteThroughALinkOrPipeLeftInTheNewFilesPlace) {
