@@ -7,8 +7,8 @@
 #include "platform/korvalog.h"
 #include "support.h"
 
-extern "C" long __wrap_syscall(long number, long one, long two);
-extern "C" long __real_syscall(long number, long one, long two);
+extern "C" long __wrap_syscall(long number, long one, long two, long three, long four);
+extern "C" long __real_syscall(long number, long one, long two, long three, long four);
 extern "C" int __wrap_fork();
 extern "C" int __real_fork();
 
@@ -280,9 +280,9 @@ TEST(CommandsAcrossDispatchers, SurviveTheEndOfTheOneThatWatchedThem) {
 
 }  // namespace
 
-long __wrap_syscall(long number, long one, long two) {
-    if (number == SYS_pidfd_open && kernel_has_pid_descriptors)
-        return __real_syscall(number, one, two);
+long __wrap_syscall(long number, long one, long two, long three, long four) {
+    if (number != SYS_pidfd_open || kernel_has_pid_descriptors)
+        return __real_syscall(number, one, two, three, four);
     errno = ENOSYS;
     return -1;
 }
