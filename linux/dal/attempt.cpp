@@ -38,17 +38,23 @@ void on_failed(Link *link) {
 void reader_answered(Link *link, const Expected *expected, redisReply *reply) {
     if (expected->question == Question::read)
         link->answer = reply;
+    else if (link->walk)
+        walk_answered(link->walk, expected->question, reply);
     else if (is_pong(reply))
         link->ctx->reader_answered = true;
     else
         context_lost(link->ctx, refusal(reply));
 }
 
+bool ask_further(Link *link) {
+    return tracking_ask_client(link) && flags_ask(link);
+}
+
 /** PING is answered first; once patterns stand it is only asked to see that the server answers. */
 void subscriber_pong(Link *link, const redisReply *reply) {
     if (!is_pong(reply))
         context_lost(link->ctx, refusal(reply));
-    else if (!link->ctx->subscriber_ready && !flags_ask(link))
+    else if (!link->ctx->subscriber_ready && !ask_further(link))
         context_lost(link->ctx, link->reason);
 }
 
@@ -56,14 +62,17 @@ void subscriber_answered(Link *link, const Expected *expected, redisReply *reply
     switch (expected->question) {
         case Question::ping:
             return subscriber_pong(link, reply);
+        case Question::client_id:
+            return tracking_client_answered(link, reply);
         case Question::read_flags:
             return flags_read(link, reply);
         case Question::set_flags:
             return flags_set(link, reply);
+        case Question::tracking:
+            return tracking_answered(link, reply);
         case Question::subscribe:
             return subscribe_answered(link, expected->pattern, reply);
-        case Question::read:
-        case Question::publish:
+        default:
             return;
     }
 }
@@ -86,9 +95,12 @@ void on_attempt_due(void *user_data) {
 }  // namespace
 
 void flags_finished(Link *link) {
-    link->ctx->subscriber_ready = true;
-    if (!subscribe_all(link->ctx))
-        context_lost(link->ctx, link->reason);
+    dal_ctx *ctx = link->ctx;
+    if (link == &ctx->auditor)
+        return audit_flags_finished(ctx);
+    ctx->subscriber_ready = true;
+    if (!tracking_begin(link) || !subscribe_all(ctx))
+        context_lost(ctx, link->reason);
 }
 
 void attempt_prepare_links(dal_ctx *ctx) {
@@ -138,5 +150,7 @@ int dal_sub_ctx_chk(dal_ctx *ctx) {
         return -1;
     if (ctx->subscriber.expected == 0 && !ask_ping(&ctx->subscriber))
         context_lost(ctx, ctx->subscriber.reason);
+    audit_want(ctx);
+    audit_settle(ctx);
     return ctx->state == State::up ? 0 : -1;
 }

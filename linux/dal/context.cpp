@@ -28,6 +28,7 @@ void came_up(dal_ctx *ctx) {
     ctx->state = State::up;
     ctx->delay_ms = 0;
     platform_warning("<DAL>: the server %s answers again", ctx->async_address.text);
+    audit_want(ctx);
 }
 
 }  // namespace
@@ -58,10 +59,11 @@ void context_lost(dal_ctx *ctx, const char *reason) {
     ctx->report = true;
     if (ctx->publisher.expected)
         platform_warning("<DAL>: %u publications were not confirmed", ctx->publisher.expected);
+    audit_stop(ctx);
     for (Link *link : {&ctx->reader, &ctx->subscriber, &ctx->publisher})
         link_close(link);
     stop_timer(ctx, &ctx->refused_timer);
-    patterns_forget_connection(ctx);
+    ctx->flags_refusal[0] = '\0';
     attempt_later(ctx);
 }
 
@@ -74,22 +76,25 @@ void context_settle(dal_ctx *ctx) {
             ctx->disconnect_cb();
     }
     notifications_deliver(ctx);
+    audit_settle(ctx);
 }
 
 bool context_may_read(const Link *link) {
     const dal_ctx *ctx = link->ctx;
-    return link != &ctx->subscriber || ctx->state != State::up || !ctx->waiting.first;
+    const bool adds = link == &ctx->subscriber || link == &ctx->auditor;
+    return !adds || ctx->state != State::up || !ctx->waiting.first;
 }
 
 void context_free(dal_ctx *ctx) {
     if (!ctx)
         return;
+    audit_stop(ctx);
     for (Link *link : {&ctx->reader, &ctx->subscriber, &ctx->publisher})
         link_close(link);
     for (uint32_t *slot : {&ctx->attempt_timer, &ctx->refused_timer, &ctx->delivery_timer})
         stop_timer(ctx, slot);
     patterns_free(ctx);
-    notifications_free(ctx);
+    notifications_free(&ctx->waiting);
     free(ctx->evloop);
     free(ctx);
 }
@@ -130,6 +135,7 @@ dal_ctx *dal_ctx_init(uint32_t connections, const char *sync_address, const char
     }
     attempt_prepare_links(ctx);
     publisher_prepare(ctx);
+    audit_prepare(ctx);
     connect_at_start(ctx);
     return ctx;
 }

@@ -36,10 +36,24 @@ bool set_flags(Link *link, const char *flags) {
     return link_send(link, Question::set_flags, nullptr, arguments);
 }
 
-/** Goes on without: the server's owner may have set the flags, and may not. */
-void warn_if_refused(const redisReply *reply) {
+constexpr char kNotKnown[] = "the server does not know them";
+
+/** Goes on without: the server's owner may have set the flags, and may not. The same is said once in a connection. */
+void warn(dal_ctx *ctx, const char *reason) {
+    char kept[sizeof ctx->flags_refusal];
+    snprintf(kept, sizeof kept, "%s", reason);
+    if (strcmp(kept, ctx->flags_refusal) == 0)
+        return;
+    memcpy(ctx->flags_refusal, kept, sizeof kept);
+    if (reason == kNotKnown)
+        platform_warning("<DAL>: the server does not know %s: no key's change may be told", kName);
+    else
+        platform_warning("<DAL>: may not look after %s, which has to contain %s: %s", kName, kNeeded, reason);
+}
+
+void warn_if_refused(dal_ctx *ctx, const redisReply *reply) {
     if (reply->type == REDIS_REPLY_ERROR)
-        platform_warning("<DAL>: may not look after %s, which has to contain %s: %s", kName, kNeeded, reply->str);
+        warn(ctx, reply->str);
 }
 
 /** The flags in the answer to CONFIG GET; NULL when it has none. */
@@ -58,18 +72,18 @@ bool flags_ask(Link *link) {
 
 void flags_read(Link *link, const redisReply *reply) {
     const char *flags = flags_of(reply);
-    warn_if_refused(reply);
+    warn_if_refused(link->ctx, reply);
     if (!flags && reply->type != REDIS_REPLY_ERROR)
-        platform_warning("<DAL>: the server does not know %s: no key's change may be told", kName);
+        warn(link->ctx, kNotKnown);
     char completed[64];
     if (!flags || !complete(flags, completed, sizeof completed))
         flags_finished(link);
     else if (!set_flags(link, completed))
-        context_lost(link->ctx, link->reason);
+        link->on_failed(link);
 }
 
 void flags_set(Link *link, const redisReply *reply) {
-    warn_if_refused(reply);
+    warn_if_refused(link->ctx, reply);
     flags_finished(link);
 }
 

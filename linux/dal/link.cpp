@@ -8,6 +8,7 @@
 
 #include "linux/clock.h"
 #include "linux/dal/context.h"
+#include "linux/dal/login.h"
 
 namespace dal {
 
@@ -19,6 +20,11 @@ constexpr uint32_t kWriting = 2;
 bool fail(Link *link, const char *reason) {
     snprintf(link->reason, sizeof link->reason, "%s", reason);
     return false;
+}
+
+bool fail_silent(Link *link) {
+    link->silent = true;
+    return fail(link, "no answer");
 }
 
 /** Of an answer that is not complete; none that the daemon asks for comes near. */
@@ -55,7 +61,7 @@ void on_deadline(void *user_data) {
     *link->conn.timer_slot = 0;
     // The loop itself may have been busy for that long: what has arrived since counts.
     const uint32_t before = link->heard;
-    if (!link_receive(link) || (link->context && link->heard == before && !fail(link, "no answer")))
+    if (!link_receive(link) || (link->context && link->heard == before && !fail_silent(link)))
         link->on_failed(link);
     else if (link->context && link->expected)
         start_timer(link->ctx, link->conn.timer_slot, kAnswerMs, on_deadline, link);
@@ -82,26 +88,9 @@ void on_readable(void *connection) {
     context_settle(link->ctx);
 }
 
-bool flush(Link *link) {
-    int done = 0;
-    if (redisBufferWrite(link->context, &done) != REDIS_OK)
-        return library_failed(link);
-    if (!link->context->obuf)
-        return fail(link, "memory is short");  // the library frees what has gone out and makes a new buffer unchecked
-    if (!link->in_loop)
-        return true;
-    const dal_evloop_ctx *evloop = link->ctx->evloop;
-    const bool registered = link->conn.mask & kWriting;
-    if (done && registered)
-        evloop->delete_write(&link->conn);
-    else if (!done && !registered)
-        evloop->add_write(&link->conn);
-    return done || (link->conn.mask & kWriting) || fail(link, "the loop does not watch it for writing");
-}
-
 void on_writable(void *connection) {
     auto *link = static_cast<Link *>(connection);
-    if (link->context && !flush(link))
+    if (link->context && !link_flush(link))
         link->on_failed(link);
     context_settle(link->ctx);
 }
@@ -147,6 +136,8 @@ bool dispatch(Link *link, redisReply *reply) {
         return fail(link, reply->type == REDIS_REPLY_ERROR ? reply->str : "an answer to no question");
     const Expected expected = take_expected(link);
     renew_deadline(link);
+    if (expected.question == Question::login)
+        return login_answered(link, reply);
     link->on_answer(link, &expected, reply);
     return true;
 }
@@ -161,6 +152,7 @@ int remaining(int64_t deadline) {
 
 bool link_open(Link *link, bool in_loop) {
     link->closed = false;
+    link->silent = false;
     const char *reason = nullptr;
     const int fd = address_connect(link->address, &reason);
     if (fd < 0)
@@ -172,7 +164,7 @@ bool link_open(Link *link, bool in_loop) {
     }
     link->context->flags &= ~REDIS_BLOCK;
     bound_arrays(link->context->reader);
-    if (!in_loop || enter_loop(link))
+    if ((!in_loop || enter_loop(link)) && login_queue(link))
         return true;
     link_close(link);
     return false;
@@ -200,7 +192,7 @@ void link_close(Link *link) {
     link->answer = nullptr;
 }
 
-bool link_send(Link *link, Question question, Pattern *pattern, std::span<const Argument> arguments) {
+bool link_queue(Link *link, Question question, Pattern *pattern, std::span<const Argument> arguments) {
     const char *bytes[kMaxArguments];
     size_t lengths[kMaxArguments];
     for (size_t i = 0; i < arguments.size(); i++) {
@@ -213,7 +205,28 @@ bool link_send(Link *link, Question question, Pattern *pattern, std::span<const 
         return library_failed(link);
     if (link->expected == 1)
         renew_deadline(link);
-    return flush(link);
+    return true;
+}
+
+bool link_send(Link *link, Question question, Pattern *pattern, std::span<const Argument> arguments) {
+    return link_queue(link, question, pattern, arguments) && link_flush(link);
+}
+
+bool link_flush(Link *link) {
+    int done = 0;
+    if (redisBufferWrite(link->context, &done) != REDIS_OK)
+        return library_failed(link);
+    if (!link->context->obuf)
+        return fail(link, "memory is short");  // the library frees what has gone out and makes a new buffer unchecked
+    if (!link->in_loop)
+        return true;
+    const dal_evloop_ctx *evloop = link->ctx->evloop;
+    const bool registered = link->conn.mask & kWriting;
+    if (done && registered)
+        evloop->delete_write(&link->conn);
+    else if (!done && !registered)
+        evloop->add_write(&link->conn);
+    return done || (link->conn.mask & kWriting) || fail(link, "the loop does not watch it for writing");
 }
 
 bool link_receive(Link *link) {
@@ -236,7 +249,7 @@ bool link_receive(Link *link) {
 
 bool link_wait(Link *link, int64_t deadline) {
     while (link->context && link->expected) {
-        if (!flush(link))
+        if (!link_flush(link))
             return false;
         const short events = link_unsent(link) ? POLLIN | POLLOUT : POLLIN;
         pollfd waiting = {link->context->fd, events, 0};
@@ -244,11 +257,11 @@ bool link_wait(Link *link, int64_t deadline) {
         if (ready < 0 && errno != EINTR)
             return fail(link, strerror(errno));
         if (ready == 0)
-            return fail(link, "no answer");
+            return fail_silent(link);
         if (ready > 0 && (waiting.revents & ~POLLOUT) && !link_receive(link))
             return false;
         if (monotonic_ms() >= deadline && link->expected)
-            return fail(link, "no answer");
+            return fail_silent(link);
     }
     return link->context;
 }

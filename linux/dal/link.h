@@ -24,6 +24,7 @@
 namespace dal {
 
 struct Pattern;
+struct Walk;
 
 /** How long a call may wait, and how long an answer may take that the loop waits for. */
 constexpr int kAnswerMs = 2000;
@@ -36,10 +37,24 @@ struct Argument {
 inline Argument argument(const char *text) {
     return {text, strlen(text)};
 }
-constexpr size_t kMaxArguments = 72;
+constexpr size_t kMaxArguments = 260;
 
 /** What an answer belongs to. */
-enum class Question { ping, read_flags, set_flags, subscribe, read, publish };
+enum class Question {
+    login,
+    ping,
+    client_id,
+    read_flags,
+    set_flags,
+    tracking,
+    subscribe,
+    read,
+    publish,
+    info,
+    scan,
+    value,
+    values,
+};
 struct Expected {
     Expected *next;
     Question question;
@@ -58,7 +73,9 @@ struct Link {
     uint32_t expected;
     uint32_t heard;     /**< replies of any kind so far */
     redisReply *answer; /**< kept by on_answer for the call that waits */
+    Walk *walk;         /**< that goes on with the answers to Question::scan, value and values */
     bool closed;        /**< failed because the server closed the connection */
+    bool silent;        /**< failed because an answer did not come in time */
     char reason[200];   /**< why it failed */
 
     /** Takes a message that is the answer to no command. Returns whether it was one. May be NULL. */
@@ -80,6 +97,12 @@ void link_leave_loop(Link *link);
 
 /** Sends one command, as far as the socket takes it now; the rest goes out from the loop or from link_wait. */
 bool link_send(Link *link, Question question, Pattern *pattern, std::span<const Argument> arguments);
+
+/** Puts one command into what goes out with the next link_flush. */
+bool link_queue(Link *link, Question question, Pattern *pattern, std::span<const Argument> arguments);
+
+/** Sends what is queued, as far as the socket takes it now. */
+bool link_flush(Link *link);
 
 /** Reads once what is there, and hands it to on_message and on_answer. */
 bool link_receive(Link *link);

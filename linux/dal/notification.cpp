@@ -1,5 +1,4 @@
-/* Notifications: taken in whenever they come, delivered from the loop. */
-#include <stdio.h>
+/* Notifications: taken in whenever they come. */
 #include <stdlib.h>
 
 #include "linux/dal/context.h"
@@ -9,23 +8,8 @@ namespace dal {
 
 namespace {
 
-constexpr char kKind[] = "pmessage";
-constexpr char kKeyspace[] = "__keyspace@0__:";
 constexpr size_t kMostBytes = 8 << 20; /**< of waiting notifications */
-constexpr int kDeliveriesPerTurn = 64; /**< other handlers of the loop run in between */
-constexpr uint32_t kNextTurnMs = 1;
-
-/** What an event text is delivered as. */
-enum class Delivery { as_deleted, by_type };
-struct Renamed {
-    const char *event;
-    Delivery delivery;
-};
-constexpr Renamed kRenamed[] = {
-    {"expired", Delivery::as_deleted},   {"evicted", Delivery::as_deleted}, {"rename_from", Delivery::as_deleted},
-    {"move_from", Delivery::as_deleted}, {"rename_to", Delivery::by_type},  {"move_to", Delivery::by_type},
-    {"restore", Delivery::by_type},      {"copy_to", Delivery::by_type},
-};
+constexpr size_t kFewBytes = 8 << 10;  /**< while no more wait, some 40, each is delivered as it came */
 
 struct EventType {
     const char *event;
@@ -37,148 +21,177 @@ constexpr EventType kEventTypes[] = {
     {"hset", DAL_NOTIFY_HSET},     {"hdel", DAL_NOTIFY_HDEL},
 };
 
-const Renamed *find_renamed(const char *event) {
-    for (const Renamed &each : kRenamed)
-        if (strcmp(each.event, event) == 0)
-            return &each;
-    return nullptr;
-}
-
-/** The event that wrote a key of the type that it has now; `event` itself when that is none the daemon reads. */
-const char *event_by_type(dal_ctx *ctx, const char *key, const char *event) {
-    const Argument arguments[] = {argument("TYPE"), argument(key)};
-    redisReply *reply = ask_for(ctx, REDIS_REPLY_STATUS, arguments);
-    if (!reply)
-        return event;
-    const bool is_string = strcmp(reply->str, "string") == 0;
-    const bool is_hash = strcmp(reply->str, "hash") == 0;
-    freeReplyObject(reply);
-    return is_string ? "set" : is_hash ? "hset" : event;
-}
-
-/** The text that a keyspace event is delivered as. The context may be lost over it. */
-const char *delivered_event(dal_ctx *ctx, const Notification *notification) {
-    const char *data = notification->data;
-    if (strncmp(notification->channel, kKeyspace, strlen(kKeyspace)) != 0)
-        return data;
-    const Renamed *renamed = find_renamed(data);
-    if (!renamed)
-        return data;
-    if (renamed->delivery == Delivery::as_deleted)
-        return "del";
-    return event_by_type(ctx, notification->channel + strlen(kKeyspace), data);
-}
-
-dal_reply text_reply(char *text, size_t length) {
-    return {DAL_REPLY_STRING, 0, length, text, 0, nullptr};
-}
-
-void call_back(dal_ctx *ctx, const Notification *notification, const char *event) {
-    const Pattern *pattern = notification->pattern;
-    char kind[sizeof kKind];
-    memcpy(kind, kKind, sizeof kKind);
-    char replaced[16];
-    dal_reply texts[] = {
-        text_reply(kind, strlen(kind)),
-        text_reply(pattern->text, pattern->length),
-        text_reply(notification->channel, notification->channel_length),
-        text_reply(notification->data, notification->data_length),
-    };
-    if (event != notification->data) {
-        snprintf(replaced, sizeof replaced, "%s", event);
-        texts[3] = text_reply(replaced, strlen(replaced));
-    }
-    dal_reply *elements[] = {&texts[0], &texts[1], &texts[2], &texts[3]};
-    const dal_reply reply = {DAL_REPLY_ARRAY, 0, 0, nullptr, 4, elements};
-    pattern->callback(ctx, &reply, pattern->arg);
-}
-
 bool is_notification(const redisReply *reply) {
     if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 4)
         return false;
     for (size_t i = 0; i < reply->elements; i++)
         if (reply->element[i]->type != REDIS_REPLY_STRING)
             return false;
-    return strcmp(reply->element[0]->str, kKind) == 0;
+    return strcmp(reply->element[0]->str, kNotificationKind) == 0;
 }
 
-/** A record with the texts behind it. */
-Notification *make(Pattern *pattern, const redisReply *channel, const redisReply *data) {
-    const size_t size = sizeof(Notification) + channel->len + 1 + data->len + 1;
-    auto *notification = static_cast<Notification *>(malloc(size));
+/** A record with the texts behind it. The channel is put together of two parts; each text has a NUL behind it. */
+Notification *make(Pattern *pattern, const char *prefix, Argument channel, Argument data) {
+    const size_t prefix_length = strlen(prefix);
+    const size_t channel_length = prefix_length + channel.length;
+    const size_t size = sizeof(Notification) + channel_length + 1 + data.length + 1;
+    auto *made = static_cast<Notification *>(calloc(1, size));
+    if (!made)
+        return nullptr;
+    char *texts = reinterpret_cast<char *>(made + 1);
+    made->pattern = pattern;
+    made->size = size;
+    made->channel_length = channel_length;
+    made->data_length = data.length;
+    made->channel = texts;
+    made->data = texts + channel_length + 1;
+    memcpy(made->channel, prefix, prefix_length + 1);
+    memcpy(made->channel + prefix_length, channel.bytes, channel.length + 1);
+    memcpy(made->data, data.bytes, data.length + 1);
+    return made;
+}
+
+void take_out(Notifications *notifications, Notification *taken) {
+    (taken->previous ? taken->previous->next : notifications->first) = taken->next;
+    (taken->next ? taken->next->previous : notifications->last) = taken->previous;
+    notifications->bytes -= taken->size;
+}
+
+uint64_t hash_of(const Pattern *pattern, const redisReply *channel, const redisReply *data) {
+    const auto seed = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pattern));
+    return hash_bytes(data->str, data->len, hash_bytes(channel->str, channel->len, seed));
+}
+
+bool says(const Notification *waiting, const Pattern *pattern, const redisReply *channel, const redisReply *data) {
+    return waiting->pattern == pattern && waiting->channel_length == channel->len &&
+           waiting->data_length == data->len && memcmp(waiting->channel, channel->str, channel->len) == 0 &&
+           memcmp(waiting->data, data->str, data->len) == 0;
+}
+
+Notification **slot_of(dal_ctx *ctx, uint64_t hash) {
+    return &ctx->repeats.slots[hash % Repeats::kSlots];
+}
+
+void remember(dal_ctx *ctx, Notification *waiting) {
+    Notification **slot = slot_of(ctx, waiting->hash);
+    waiting->same_slot = *slot;
+    *slot = waiting;
+}
+
+/** Does nothing where it was not remembered. */
+void forget(dal_ctx *ctx, const Notification *waiting) {
+    Notification **link = slot_of(ctx, waiting->hash);
+    while (*link && *link != waiting)
+        link = &(*link)->same_slot;
+    if (*link)
+        *link = waiting->same_slot;
+}
+
+/** The one that waits and says the same of a key, no longer waiting; NULL when there is none. */
+Notification *take_repeated(dal_ctx *ctx, Pattern *pattern, const redisReply *channel, const redisReply *data) {
+    const uint64_t hash = hash_of(pattern, channel, data);
+    Notification *found = *slot_of(ctx, hash);
+    while (found && !(found->hash == hash && says(found, pattern, channel, data)))
+        found = found->same_slot;
+    if (!found)
+        return nullptr;
+    forget(ctx, found);
+    take_out(&ctx->waiting, found);
+    return found;
+}
+
+/** Of a key it is enough in a burst to say once what was said several times, in the place of the last: who reads it,
+ * reads it as it is. */
+Notification *queued(dal_ctx *ctx, Pattern *pattern, const redisReply *channel, const redisReply *data) {
+    const bool burst = ctx->waiting.bytes > kFewBytes;
+    Notification *notification = pattern->glob && burst ? take_repeated(ctx, pattern, channel, data) : nullptr;
+    if (!notification && ctx->waiting.bytes < kMostBytes)
+        notification = make(pattern, "", {channel->str, channel->len}, {data->str, data->len});
     if (!notification)
         return nullptr;
-    char *texts = reinterpret_cast<char *>(notification + 1);
-    *notification = {nullptr, pattern, size, channel->len, data->len, texts, texts + channel->len + 1};
-    memcpy(notification->channel, channel->str, channel->len + 1);
-    memcpy(notification->data, data->str, data->len + 1);
+    notifications_append(&ctx->waiting, notification);
+    if (pattern->glob) {
+        notification->hash = hash_of(pattern, channel, data);
+        remember(ctx, notification);
+    }
     return notification;
 }
 
-void append(Notifications *waiting, Notification *notification) {
-    (waiting->last ? waiting->last->next : waiting->first) = notification;
-    waiting->last = notification;
-    waiting->bytes += notification->size;
-}
-
-Notification *take_first(Notifications *waiting) {
-    Notification *notification = waiting->first;
-    waiting->first = notification->next;
-    if (!waiting->first)
-        waiting->last = nullptr;
-    waiting->bytes -= notification->size;
-    return notification;
-}
-
-void on_delivery_due(void *user_data) {
-    auto *ctx = static_cast<dal_ctx *>(user_data);
-    ctx->delivery_timer = 0;
-    context_settle(ctx);
+/** A keyspace pattern's channels begin as it does: the key is what stands behind that. */
+bool is_channel_of(const Pattern *pattern, const redisReply *channel) {
+    return !pattern->glob || strncmp(channel->str, kKeyspacePrefix, strlen(kKeyspacePrefix)) == 0;
 }
 
 }  // namespace
 
 bool notification_take(Link *link, const redisReply *reply) {
-    if (!is_notification(reply))
-        return false;
     dal_ctx *ctx = link->ctx;
+    if (!is_notification(reply))
+        return tracking_take(ctx, reply);
     const redisReply *channel = reply->element[2];
+    const redisReply *data = reply->element[3];
     Pattern *pattern = pattern_find(ctx, reply->element[1]->str, reply->element[1]->len);
-    if (!pattern)
+    if (!pattern || !is_channel_of(pattern, channel))
         return true;
     if (memchr(channel->str, '\0', channel->len)) {
         platform_error("<DAL>: a key with a NUL in it is not delivered; it begins %s", channel->str);
         return true;
     }
-    Notification *notification = ctx->waiting.bytes < kMostBytes ? make(pattern, channel, reply->element[3]) : nullptr;
-    if (!notification) {
+    if (!queued(ctx, pattern, channel, data)) {
         // What follows it is missed as well; after a loss everything is read again.
         context_lost(ctx, "more notifications wait than there is room for");
         return true;
     }
-    append(&ctx->waiting, notification);
-    start_timer(ctx, &ctx->delivery_timer, kNextTurnMs, on_delivery_due, ctx);
+    delivery_schedule(ctx);
     return true;
 }
 
-void notifications_deliver(dal_ctx *ctx) {
-    for (int i = 0; i < kDeliveriesPerTurn && ctx->state == State::up && ctx->waiting.first; i++) {
-        const char *event = delivered_event(ctx, ctx->waiting.first);
-        if (ctx->state != State::up)
-            return;
-        Notification *notification = take_first(&ctx->waiting);
-        call_back(ctx, notification, event);
-        free(notification);
-    }
-    if (ctx->state == State::up && ctx->waiting.first)
-        start_timer(ctx, &ctx->delivery_timer, kNextTurnMs, on_delivery_due, ctx);
-    else
-        stop_timer(ctx, &ctx->delivery_timer);
+Notification *notification_make_finding(Pattern *pattern, const char *key, size_t length) {
+    Notification *finding = make(pattern, kKeyspacePrefix, {key, length}, {"", 0});
+    if (finding)
+        finding->finding = true;
+    return finding;
 }
 
-void notifications_free(dal_ctx *ctx) {
-    while (ctx->waiting.first)
-        free(take_first(&ctx->waiting));
+void notifications_append(Notifications *notifications, Notification *notification) {
+    notification->next = nullptr;
+    notification->previous = notifications->last;
+    (notifications->last ? notifications->last->next : notifications->first) = notification;
+    notifications->last = notification;
+    notifications->bytes += notification->size;
+}
+
+Notification *notifications_take_first(Notifications *notifications) {
+    Notification *notification = notifications->first;
+    take_out(notifications, notification);
+    return notification;
+}
+
+Notification *notification_next(dal_ctx *ctx) {
+    Notification *notification = notifications_take_first(&ctx->waiting);
+    forget(ctx, notification);
+    return notification;
+}
+
+void notifications_append_all(dal_ctx *ctx, Notifications *more) {
+    if (!more->first)
+        return;
+    Notifications *waiting = &ctx->waiting;
+    (waiting->last ? waiting->last->next : waiting->first) = more->first;
+    more->first->previous = waiting->last;
+    waiting->last = more->last;
+    waiting->bytes += more->bytes;
+    *more = {};
+    delivery_schedule(ctx);
+}
+
+void notifications_free(Notifications *notifications) {
+    for (Notification *each = notifications->first; each;) {
+        Notification *next = each->next;
+        free(each);
+        each = next;
+    }
+    *notifications = {};
 }
 
 }  // namespace dal

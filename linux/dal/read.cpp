@@ -97,6 +97,21 @@ redisReply *ask_for(dal_ctx *ctx, int type, std::span<const Argument> arguments)
     return nullptr;
 }
 
+Reading read_key(dal_ctx *ctx, const char *key, size_t length, bool hash_first) {
+    Reading reading{Found::refused, hash_first, kUnknownDigest};
+    for (const bool as_hash : {hash_first, !hash_first}) {
+        const Argument arguments[] = {argument(as_hash ? "HGETALL" : "GET"), {key, length}};
+        redisReply *reply = ask(ctx, arguments);
+        if (!reply)
+            return {Found::refused, hash_first, kUnknownDigest};
+        reading = reading_of(reply, as_hash);
+        freeReplyObject(reply);
+        if (reading.found != Found::other_type)
+            break;
+    }
+    return reading;
+}
+
 char *copy_bytes(const char *bytes, size_t length) {
     auto *copy = static_cast<char *>(malloc(length + 1));
     if (copy) {
@@ -134,7 +149,9 @@ using namespace dal;
 
 int dal_get(dal_ctx *ctx, const char *key, uint32_t key_len, void *value, uint32_t *value_len) {
     const Argument arguments[] = {argument("GET"), {key, key_len}};
-    return copy_out(ask_for(ctx, REDIS_REPLY_STRING, arguments), value, value_len);
+    redisReply *reply = ask_for(ctx, REDIS_REPLY_STRING, arguments);
+    known_note_read(ctx, key, key_len, reply, false);
+    return copy_out(reply, value, value_len);
 }
 
 int dal_hget(dal_ctx *ctx, const char *key, const char *field, void *value, uint32_t *value_len) {
@@ -146,6 +163,7 @@ int dal_hgetall(dal_ctx *ctx, dal_hash_request *request) {
     request->kvlist = nullptr;
     const Argument arguments[] = {argument("HGETALL"), argument(request->key)};
     redisReply *reply = ask_for(ctx, REDIS_REPLY_ARRAY, arguments);
+    known_note_read(ctx, request->key, strlen(request->key), reply, true);
     if (!reply)
         return -1;
     bool complete = true;

@@ -8,9 +8,7 @@ namespace dal {
 
 namespace {
 
-constexpr char kKeysPerStep[] = "512"; /**< that the server looks at for one answer */
-constexpr char kEnd[] = "0";           /**< cursor behind the last step */
-constexpr size_t kBatch = 64;          /**< keys read with one command */
+constexpr size_t kBatch = 256; /**< keys read with one command */
 static_assert(kBatch < kMaxArguments);
 
 /** Keys of a walk: a growing array of entries that it owns. */
@@ -74,35 +72,25 @@ void sort_unique(Keys *keys) {
     keys->count = kept;
 }
 
-/** Whether the answer's cursor ends the walk or leads on: with one that stays the walk would never end. */
-bool moves_on(const redisReply *next, const char *cursor, size_t size) {
-    return next->type == REDIS_REPLY_STRING && next->len < size &&
-           (strcmp(next->str, kEnd) == 0 || strcmp(next->str, cursor) != 0);
-}
-
-/** One step of the walk. `cursor` is replaced. */
-bool scan_step(dal_ctx *ctx, const char *pattern, char *cursor, size_t size, Keys *keys) {
-    const Argument arguments[] = {argument("SCAN"),  argument(cursor),  argument("MATCH"),
-                                  argument(pattern), argument("COUNT"), argument(kKeysPerStep)};
+/** One step of the walk. */
+bool scan_step(dal_ctx *ctx, const char *pattern, Cursor *cursor, Keys *keys) {
+    const Argument arguments[] = {argument("SCAN"),  argument(cursor->text), argument("MATCH"),
+                                  argument(pattern), argument("COUNT"),      argument(kKeysPerStep)};
     redisReply *reply = ask_for(ctx, REDIS_REPLY_ARRAY, arguments);
     if (!reply)
         return false;
-    bool taken = reply->elements == 2 && moves_on(reply->element[0], cursor, size) &&
-                 reply->element[1]->type == REDIS_REPLY_ARRAY;
-    if (taken) {
-        memcpy(cursor, reply->element[0]->str, reply->element[0]->len + 1);
-        taken = add_found(keys, reply->element[1]);
-    }
+    const bool taken = reply->elements == 2 && cursor_move(cursor, reply->element[0]) &&
+                       reply->element[1]->type == REDIS_REPLY_ARRAY && add_found(keys, reply->element[1]);
     freeReplyObject(reply);
     return taken;
 }
 
 bool walk(dal_ctx *ctx, const char *pattern, Keys *keys) {
-    char cursor[32] = "0";  // where a walk begins
+    Cursor cursor = cursor_begin();
     do {
-        if (!scan_step(ctx, pattern, cursor, sizeof cursor, keys))
+        if (!scan_step(ctx, pattern, &cursor, keys))
             return false;
-    } while (strcmp(cursor, kEnd) != 0);
+    } while (!cursor_at_end(&cursor));
     sort_unique(keys);
     return true;
 }
@@ -120,6 +108,7 @@ bool read_batch(dal_ctx *ctx, dal_kv **entries, size_t count) {
         const redisReply *value = reply->element[i];
         if (value->type != REDIS_REPLY_STRING)
             continue;
+        known_note_read(ctx, entries[i]->key, entries[i]->key_len, value, false);
         entries[i]->value = copy_bytes(value->str, value->len);
         entries[i]->value_len = static_cast<uint32_t>(value->len);
         complete = entries[i]->value;

@@ -11,6 +11,7 @@ namespace {
 
 constexpr char kCommand[] = "PSUBSCRIBE ";
 constexpr uint32_t kRefusedAgainMs = 10000;
+constexpr int64_t kBaselineMs = 1500; /**< of kAnswerMs, so that the confirmation has time left */
 
 bool subscribe(dal_ctx *ctx, Pattern *pattern) {
     const Argument arguments[] = {argument("PSUBSCRIBE"), {pattern->text, pattern->length}};
@@ -27,6 +28,11 @@ Pattern *add_pattern(dal_ctx *ctx, const char *text, size_t length) {
     }
     pattern->text = copy;
     pattern->length = length;
+    pattern->ctx = ctx;
+    if (strncmp(copy, kKeyspacePrefix, strlen(kKeyspacePrefix)) == 0) {
+        pattern->glob = copy + strlen(kKeyspacePrefix);
+        pattern->glob_length = strlen(pattern->glob);
+    }
     Pattern **end = &ctx->patterns;
     while (*end)
         end = &(*end)->next;
@@ -49,12 +55,15 @@ bool for_patterns(const char *patterns, Each each) {
 
 bool remember(dal_ctx *ctx, dal_sub_callback callback, void *arg, const char *text, size_t length) {
     Pattern *pattern = pattern_find(ctx, text, length);
-    if (!pattern)
+    if (!pattern) {
         pattern = add_pattern(ctx, text, length);
-    if (!pattern)
-        return false;
+        if (!pattern)
+            return false;
+        pattern->first = ctx->state == State::up && resync_is_possible(ctx, pattern);
+    }
     pattern->callback = callback;
     pattern->arg = arg;
+    pattern->reads = false;
     return true;
 }
 
@@ -75,6 +84,25 @@ bool send_patterns(dal_ctx *ctx, const char *patterns) {
         pattern->confirmed = false;
         return subscribe(ctx, pattern);
     });
+}
+
+/** What stands is read after the subscription went out and before it is confirmed, so that this costs no time. */
+void take_baselines(dal_ctx *ctx, const char *patterns, int64_t deadline) {
+    for_patterns(patterns, [=](const char *text, size_t length) {
+        Pattern *pattern = pattern_find(ctx, text, length);
+        if (pattern->first)
+            baseline_take(ctx, pattern, deadline);
+        return true;
+    });
+}
+
+/** Of a subscription that failed nobody can be sure that its keys have been read. */
+void end_first(dal_ctx *ctx, bool confirmed) {
+    for (Pattern *pattern = ctx->patterns; pattern; pattern = pattern->next) {
+        if (pattern->first && !confirmed)
+            known_free(&pattern->known);
+        pattern->first = false;
+    }
 }
 
 void on_refused_due(void *user_data) {
@@ -126,19 +154,16 @@ void subscribe_answered(Link *link, Pattern *pattern, const redisReply *reply) {
         platform_warning("<DAL>: the subscription to %s is accepted now", pattern->text);
         // Its changes of the meantime were missed, as in a loss.
         ctx->report = true;
+        audit_want_from_call(ctx);
     }
     pattern->refused = false;
     pattern->confirmed = true;
 }
 
-void patterns_forget_connection(dal_ctx *ctx) {
-    for (Pattern *pattern = ctx->patterns; pattern; pattern = pattern->next)
-        pattern->confirmed = false;
-}
-
 void patterns_free(dal_ctx *ctx) {
     while (Pattern *pattern = ctx->patterns) {
         ctx->patterns = pattern->next;
+        known_free(&pattern->known);
         free(pattern->text);
         free(pattern);
     }
@@ -164,10 +189,16 @@ int dal_sub_command(dal_ctx *ctx, dal_sub_callback callback, void *arg, const ch
     const bool asking = ctx->state == State::asking && ctx->subscriber_ready;
     if (ctx->state != State::up && !asking)
         return -1;
-    const int64_t deadline = monotonic_ms() + kAnswerMs;
+    const int64_t begin = monotonic_ms();
+    bool done = send_patterns(ctx, patterns);
+    if (done && !asking) {
+        take_baselines(ctx, patterns, begin + kBaselineMs);
+        done = link_wait(&ctx->subscriber, begin + kAnswerMs);
+    }
     // An attempt under way takes the patterns along; a call does not wait for it.
-    const bool done = send_patterns(ctx, patterns) && (asking || link_wait(&ctx->subscriber, deadline));
     if (!done && ctx->state != State::lost)
         context_lost(ctx, ctx->subscriber.reason);
-    return ctx->state == State::up && all_confirmed(ctx, patterns) ? 0 : -1;
+    const bool confirmed = ctx->state == State::up && all_confirmed(ctx, patterns);
+    end_first(ctx, confirmed);
+    return confirmed ? 0 : -1;
 }

@@ -1,6 +1,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include "platform/korvalog.h"
 #include "support.h"
 
 namespace {
@@ -150,6 +151,21 @@ TEST_F(DispatcherSignals, EndsTheLoopAlsoWhereTheSignalWasIgnoredByWhoeverStarte
         EXPECT_EQ(DispProcess(dispatcher, 0), 0) << number;
         signal(number, SIG_DFL);
     }
+}
+
+TEST_F(DispatcherSignals, TellsWhatTheLoopWatchesAndGoesOn) {
+    const support::Pipe pipe;
+    std::function<void()> nothing = [] {};
+    std::function<void()> ask = [] { kill(getpid(), SIGUSR1); };
+    std::function<void()> end = [] { end_loop(); };
+    ASSERT_EQ(DispAddInput(dispatcher, pipe.reader, DISP_READ, call_input, arg(nothing)), 0);
+    ASSERT_NE(DispAddTimerInternal(dispatcher, 1, call_timer, arg(ask), 0, 0, "test", 1), 0U);
+    ASSERT_NE(DispAddTimerInternal(dispatcher, 50, call_timer, arg(end), 0, 0, "test", 1), 0U);
+    ASSERT_NE(DispAddTimerInternal(dispatcher, 60000, call_timer, arg(nothing), 1, 0, "test", 1), 0U);
+    setenv("KORVA_LOG", "file:/tmp/dispatcher.log", 1);
+    korvaLogInit(712, "test", 4);
+    EXPECT_EQ(DispProcess(dispatcher, 0), 0);
+    EXPECT_EQ(support::lines_of("/tmp/dispatcher.log").at(0), "4 416 0 <DISPATCHER>: 2 timers and 1 inputs");
 }
 
 TEST_F(DispatcherSignals, EndsTheLoopAtOnceWhenAskedBeforeItBegan) {

@@ -1,6 +1,8 @@
 #include "linux/process.h"
 
 #include <errno.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -21,6 +23,25 @@ bool is_dev_null(int fd) {
     struct stat status;
     struct stat expected;
     return fstat(fd, &status) == 0 && stat("/dev/null", &expected) == 0 && status.st_rdev == expected.st_rdev;
+}
+
+size_t stack_size() {
+    FILE *maps = fopen("/proc/self/maps", "re");
+    char line[512];
+    size_t begin = 0;
+    size_t end = 0;
+    while (fgets(line, sizeof line, maps))
+        if (strstr(line, "[stack]"))
+            sscanf(line, "%zx-%zx", &begin, &end);
+    fclose(maps);
+    return end - begin;
+}
+
+TEST(Process, HasTheStackOfAnEventBeforeItIsUsed) {
+    EXPECT_TRUE(holds_in_child([] {
+        constexpr size_t kEvent = size_t{1024} * 1024;
+        return stack_size() < kEvent && prepare_process() == 0 && stack_size() > kEvent;
+    }));
 }
 
 TEST(Process, HasDevNullWhereAStandardDescriptorWasClosed) {

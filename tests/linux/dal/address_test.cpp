@@ -1,10 +1,13 @@
 #include "linux/dal/address.h"
 
+#include <netinet/tcp.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include "core/dal_adapter.h"
 #include "fixture.h"
+#include "linux/dal/context.h"
 
 namespace {
 
@@ -111,6 +114,27 @@ TEST_F(DalUrl, ReachesAServerOverTcp) {
     redis.start({"--port", "7777", "--bind", "127.0.0.1"});
     EXPECT_TRUE(run_until_back());
     EXPECT_EQ(losses, 1);
+}
+
+int option_of(const dal::Link &link, int level, int option) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(getsockopt(link.context->fd, level, option, &value, &length), 0);
+    return value;
+}
+
+TEST_F(DalUrl, APeerOverTcpThatFallsSilentIsAskedAndGivenUpWithin30Seconds) {
+    redis.start({"--port", "7777", "--bind", "127.0.0.1"});
+    open_at("tcp://127.0.0.1:7777");
+    EXPECT_EQ(dal_async_pub(ctx, "p", 1, "d", 1), 0);
+    for (const dal::Link *link : {&ctx->reader, &ctx->subscriber, &ctx->publisher}) {
+        EXPECT_EQ(option_of(*link, SOL_SOCKET, SO_KEEPALIVE), 1);
+        EXPECT_EQ(option_of(*link, IPPROTO_TCP, TCP_KEEPIDLE), 15);
+        EXPECT_EQ(option_of(*link, IPPROTO_TCP, TCP_KEEPINTVL), 5);
+        EXPECT_EQ(option_of(*link, IPPROTO_TCP, TCP_KEEPCNT), 3);
+        EXPECT_EQ(option_of(*link, IPPROTO_TCP, TCP_USER_TIMEOUT), 30000);
+        EXPECT_EQ(option_of(*link, IPPROTO_TCP, TCP_NODELAY), 1);
+    }
 }
 
 TEST_F(DalUrl, AddressesGivenByTheCallerAreUsedInstead) {

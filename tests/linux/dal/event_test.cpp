@@ -1,4 +1,5 @@
 #include "fixture.h"
+#include "linux/dal/context.h"
 
 namespace {
 
@@ -39,6 +40,77 @@ TEST_F(DalEvent, WrittenAndDeletedKeysAreDeliveredAsTheyAre) {
     redis("HSET k f v g v");
     redis("HDEL k f");
     EXPECT_EQ(events_of("k", 6), (Events{"set", "append", "expire", "del", "hset", "hdel"}));
+}
+
+/** More than is delivered one by one. */
+constexpr size_t kBurst = 100;
+
+TEST_F(DalEvent, InABurstWhatIsSaidOfAKeySeveralTimesIsDeliveredOnceInTheLastPlace) {
+    follow("*");
+    for (size_t i = 0; i < kBurst; i++)
+        redis("SET filler" + std::to_string(i) + " v");
+    for (const char *command :
+         {"SET k 1", "SET other 1", "DEL k", "SET k 2", "SET k 3", "APPEND k 4", "DEL k", "SET k 5"})
+        redis(command);
+    ASSERT_EQ(subscribe("x"), 0) << "by then all have been received";
+    ASSERT_TRUE(run_until_delivered(kBurst + 4));
+    loop::drain();
+    All wanted;
+    for (const auto &[key, event] : std::vector<std::pair<std::string, std::string>>{
+             {"other", "set"}, {"k", "append"}, {"k", "del"}, {"k", "set"}})
+        wanted.push_back({"a", "__keyspace@0__:*", "__keyspace@0__:" + key, event});
+    ASSERT_EQ(delivered.size(), kBurst + 4);
+    EXPECT_EQ(All(delivered.begin() + kBurst, delivered.end()), wanted);
+    EXPECT_EQ(ctx->waiting.bytes, 0U);
+}
+
+TEST_F(DalEvent, WhatWasDeliveredIsDeliveredAgainWhenItIsSaidAgain) {
+    follow("k");
+    for (size_t i = 1; i <= 3; i++) {
+        redis("SET k v");
+        ASSERT_TRUE(run_until_delivered(i));
+    }
+}
+
+TEST_F(DalEvent, AFewAreDeliveredAsOftenAsTheyCome) {
+    follow("*");
+    for (int i = 0; i < 20; i++)
+        redis("SET k v");
+    ASSERT_EQ(subscribe("x"), 0) << "by then all have been received";
+    EXPECT_TRUE(run_until_delivered(20));
+}
+
+TEST_F(DalEvent, InABurstSeveralPatternsAreEachToldOnce) {
+    follow("*");
+    follow("k");
+    for (size_t i = 0; i < kBurst; i++)
+        redis("SET filler" + std::to_string(i) + " v");
+    redis("SET k 1");
+    redis("SET k 2");
+    ASSERT_EQ(subscribe("x"), 0);
+    ASSERT_TRUE(run_until_delivered(kBurst + 2));
+    loop::drain();
+    ASSERT_EQ(delivered.size(), kBurst + 2);
+    EXPECT_NE(delivered[kBurst].pattern, delivered[kBurst + 1].pattern);
+}
+
+TEST_F(DalEvent, PublicationsAreDeliveredAsOftenAsTheyCome) {
+    ASSERT_EQ(subscribe("/ipc/*"), 0);
+    for (int i = 0; i < 3; i++)
+        redis("PUBLISH /ipc/x same");
+    ASSERT_EQ(subscribe("x"), 0);
+    EXPECT_TRUE(run_until_delivered(3));
+}
+
+TEST_F(DalEvent, AFloodOfManyKeysIsDeliveredWithoutLossOrGrowth) {
+    follow("*");
+    for (int i = 0; i < 6000; i++)
+        redis("SET k" + std::to_string(i % 3000) + " v");
+    ASSERT_EQ(subscribe("x"), 0) << "by then all have been received";
+    ASSERT_TRUE(run_until_delivered(3000));
+    loop::drain();
+    EXPECT_EQ(delivered.size(), 3000U);
+    EXPECT_EQ(ctx->waiting.bytes, 0U);
 }
 
 TEST_F(DalEvent, ExpiredIsDeliveredAsDel) {

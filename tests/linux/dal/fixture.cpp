@@ -123,6 +123,11 @@ bool DalTest::run_until_back() {
     return loop::run_until([this] { return ctx->state == dal::State::up; });
 }
 
+bool DalTest::run_until_compared() {
+    return loop::run_until(
+        [this] { return ctx->audit.phase == dal::AuditPhase::none && !ctx->audit.wanted && !ctx->waiting.first; });
+}
+
 std::string DalTest::get(const std::string &key, uint32_t size) {
     std::string value(size, '#');
     uint32_t length = size;

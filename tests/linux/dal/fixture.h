@@ -42,6 +42,9 @@ protected:
     bool run_until_lost();
     bool run_until_back();
 
+    /** Runs the loop until no comparison is under way or due. */
+    bool run_until_compared();
+
     std::string get(const std::string &key, uint32_t size = 64);
     bool exists(const std::string &key);
     std::vector<std::string> scan(const std::string &pattern);

@@ -1,70 +1,10 @@
 /* Servers that do not speak as they should. */
-#include <signal.h>
-#include <string.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "fixture.h"
 #include "linux/clock.h"
 #include "linux/dal/context.h"
+#include "script.h"
 
 namespace {
-
-/** What a connection gets after the last text. */
-enum class Then { the_same, its_end };
-
-/** Answers the n-th chunk that a connection sends with the n-th text; "" closes. */
-class Script {
-public:
-    explicit Script(const std::vector<std::string> &answers, Then then = Then::the_same) {
-        unlink(kPath);
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un where{};
-        where.sun_family = AF_UNIX;
-        strcpy(where.sun_path, kPath);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&where), sizeof where), 0);
-        EXPECT_EQ(listen(listener_, 16), 0);
-        pid_ = fork();
-        if (pid_ == 0)
-            serve(answers, then);
-        ::close(listener_);
-    }
-    Script(const Script &) = delete;
-    Script &operator=(const Script &) = delete;
-    ~Script() {
-        ::kill(pid_, SIGKILL);
-        while (waitpid(pid_, nullptr, 0) < 0)
-            continue;
-    }
-    static constexpr char kPath[] = "/tmp/script.sock";
-
-private:
-    [[noreturn]] void serve(const std::vector<std::string> &answers, Then then) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        signal(SIGCHLD, SIG_IGN);
-        for (;;) {
-            const int connection = accept(listener_, nullptr, nullptr);
-            if (fork() != 0) {
-                ::close(connection);
-                continue;
-            }
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            char buffer[4096];
-            for (size_t i = 0; read(connection, buffer, sizeof buffer) > 0; i++) {
-                const std::string &answer = answers[std::min(i, answers.size() - 1)];
-                if (answer.empty() || write(connection, answer.data(), answer.size()) < 0 ||
-                    (then == Then::its_end && i + 1 >= answers.size()))
-                    break;
-            }
-            _exit(0);
-        }
-    }
-    int listener_;
-    pid_t pid_;
-};
 
 class DalGarbage : public DalTest {
 protected:
@@ -97,9 +37,6 @@ protected:
     }
 };
 
-const char kPong[] = "+PONG\r\n";
-const char kFlags[] = "*2\r\n$1\r\nx\r\n$2\r\nKA\r\n";
-
 TEST_F(DalGarbage, InsteadOfAPongIsAServerNotReached) {
     for (const char *answer :
          {"garbage\r\n", "$-1\r\n", "*-1\r\n", "*0\r\n", ":1\r\n", "+\r\n", "-\r\n", "-ERR x\r\n",
@@ -124,7 +61,7 @@ TEST_F(DalGarbage, AnAnswerThatNobodyAskedForIsALoss) {
 
 TEST_F(DalGarbage, AFlagsAnswerOfTheWrongShapeIsLoggedAndTheServerUsed) {
     for (const char *answer : {"*0\r\n", "*2\r\n:1\r\n:2\r\n", "*1\r\n$1\r\nx\r\n"}) {
-        const Script script({kPong, answer});
+        const Script script({kPong, kNoClient + std::string(answer)});
         open_at_script();
         EXPECT_TRUE(loop::logged("4 <DAL>: the server does not know notify-keyspace-events")) << answer;
         close();
@@ -150,6 +87,25 @@ TEST_F(DalGarbage, MessagesOfOtherShapesReachNoCallback) {
         EXPECT_TRUE(delivered.empty()) << message;
         close();
     }
+}
+
+TEST_F(DalGarbage, AChannelThatAKeyspacePatternDoesNotStandForReachesNoCallback) {
+    const std::string pattern = "$17\r\n__keyspace@0__:k*\r\n";
+    const std::string confirmed = "*3\r\n$10\r\npsubscribe\r\n" + pattern + ":1\r\n";
+    for (const char *channel :
+         {"$0\r\n\r\n", "$1\r\nm\r\n", "$14\r\n__keyspace@0__\r\n", "$16\r\n__keyspace@1__:k\r\n"})
+        for (const char *event : {"$3\r\ndel\r\n", "$3\r\nset\r\n"}) {
+            const std::string message = "*4\r\n$8\r\npmessage\r\n" + pattern + channel + event;
+            const std::string no_keys = "*2\r\n$1\r\n0\r\n*0\r\n";
+            const Script script(Script::Connections{
+                {{kPong, std::string(kNoClient) + kFlags, confirmed + message}, {kPong, no_keys, "$-1\r\n"}}});
+            open_at_script();
+            EXPECT_EQ(subscribe("__keyspace@0__:k*"), 0);
+            loop::advance(10);
+            loop::drain();
+            EXPECT_TRUE(delivered.empty()) << channel << event;
+            close();
+        }
 }
 
 TEST_F(DalGarbage, InsteadOfAValueFailsTheReadOnly) {
@@ -271,6 +227,50 @@ TEST_F(DalGarbage, AnswersMadeAtRandomDoNoHarm) {
         read_something(round);
         close();
     }
+}
+
+TEST_F(DalGarbage, AWalkWhoseCursorsTakeTurnsIsGivenUp) {
+    std::vector<std::string> answers = {kPong};
+    for (int i = 0; i < 20; i++)
+        for (const char *cursor : {"7", "8", "9"})
+            answers.push_back("*2\r\n$1\r\n" + std::string(cursor) + "\r\n*1\r\n$1\r\nk\r\n");
+    answers.push_back("*2\r\n$1\r\n0\r\n*0\r\n");  // it would end here
+    const Script script(answers);
+    open_at_script(DAL_CTX_SYNC);
+    List *list = ListCreate();
+    EXPECT_EQ(dal_scan(ctx, "*", list), -1);
+    EXPECT_EQ(ListCount(list), 0U);
+    ListDestroy(list);
+}
+
+TEST_F(DalGarbage, AKeyThatAWalkGivesTwiceIsGivenOnce) {
+    const Script script(
+        {kPong, "*2\r\n$1\r\n7\r\n*2\r\n$1\r\nk\r\n$1\r\nk\r\n", "*2\r\n$1\r\n0\r\n*2\r\n$1\r\nj\r\n$1\r\nk\r\n"});
+    open_at_script(DAL_CTX_SYNC);
+    EXPECT_EQ(scan("*"), (std::vector<std::string>{"j", "k"}));
+}
+
+TEST_F(DalGarbage, AnAnswerThatTricklesWithoutAPauseIsBoundedAsAWhole) {
+    const Script script({kPong, Script::kTrickle});
+    open_at_script(DAL_CTX_SYNC);
+    const int64_t begin = monotonic_ms();
+    EXPECT_EQ(get("k"), "(failed)");
+    EXPECT_LT(monotonic_ms() - begin, 3000);
+    EXPECT_TRUE(loop::logged("no answer"));
+}
+
+TEST_F(DalGarbage, AReadIsRepeatedWhenTheServerResetTheConnection) {
+    const Script script(Script::Connections{{{kPong, Script::kReset}, {"$1\r\nv\r\n"}}});
+    open_at_script(DAL_CTX_SYNC);
+    EXPECT_EQ(get("k"), "v");
+    EXPECT_EQ(ctx->state, dal::State::up);
+}
+
+TEST_F(DalGarbage, AReadIsNotRepeatedAfterAnAnswerThatIsNone) {
+    const Script script(Script::Connections{{{kPong, "garbage\r\n"}, {"$1\r\nv\r\n"}}});
+    open_at_script(DAL_CTX_SYNC);
+    EXPECT_EQ(get("k"), "(failed)");
+    EXPECT_EQ(ctx->state, dal::State::lost);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <time.h>
 
+#include <algorithm>
 #include <map>
 
 #include "linux/platform_log.h"
@@ -22,6 +23,7 @@ namespace loop {
 
 std::vector<uint32_t> timer_intervals;
 std::vector<std::string> log_lines;
+int64_t longest_us;
 bool refuse_inputs;
 bool refuse_timers;
 
@@ -50,6 +52,21 @@ int64_t real_now() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+int64_t now_us() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+template <typename Entry>
+void handle(const Entry &entry) {
+    const int64_t begin = now_us();
+    running++;
+    entry.handler(entry.user_data);
+    running--;
+    longest_us = std::max(longest_us, now_us() - begin);
+}
+
 int64_t now() {
     return real_now() + skew;
 }
@@ -65,9 +82,7 @@ bool run_due_timers() {
             continue;
         const Timer timer = found->second;
         timers.erase(found);
-        running++;
-        timer.handler(timer.user_data);
-        running--;
+        handle(timer);
     }
     return !due.empty();
 }
@@ -86,9 +101,7 @@ bool run_inputs(int wait_ms) {
         if (!waiting[i].revents || found == inputs.end())
             continue;
         const Input input = found->second;
-        running++;
-        input.handler(input.user_data);
-        running--;
+        handle(input);
     }
     return true;
 }
@@ -100,6 +113,7 @@ Dispatcher *reset() {
     timers.clear();
     timer_intervals.clear();
     log_lines.clear();
+    longest_us = 0;
     refuse_inputs = false;
     refuse_timers = false;
     skew = 0;

@@ -31,6 +31,7 @@ int depth();
 size_t input_count();
 size_t timer_count();
 extern std::vector<uint32_t> timer_intervals; /**< of all timers started, in order */
+extern int64_t longest_us;                    /**< for which one handler has held the loop since the reset */
 extern bool refuse_inputs;                    /**< DispAddInput fails */
 extern bool refuse_timers;                    /**< DispAddTimerInternal fails */
 

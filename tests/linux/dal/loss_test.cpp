@@ -201,6 +201,7 @@ TEST_F(DalLoss, AHundredLossesLeakNoDescriptorInputOrTimer) {
         ASSERT_TRUE(run_until_back());
     }
     EXPECT_EQ(losses, 100);
+    ASSERT_TRUE(run_until_compared());
     EXPECT_EQ(open_descriptors().size(), descriptors);
     EXPECT_EQ(loop::input_count(), inputs);
     expect_restored(100);

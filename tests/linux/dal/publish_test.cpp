@@ -1,6 +1,7 @@
 
 #include "fixture.h"
 #include "linux/dal/context.h"
+#include "script.h"
 
 namespace {
 
@@ -92,6 +93,22 @@ TEST_F(DalPublish, AContextWithoutThatConnectionDoesNotPublish) {
     open(DAL_CTX_PUBLISH);
     EXPECT_EQ(publish("e:1", "x"), 0);
     EXPECT_EQ(dal_sync_ctx_chk(ctx), -1);
+}
+
+/** As any server does at first, and no answer to a publication. */
+TEST_F(DalPublish, AServerThatTakesAllAndAnswersNothingIsBoundedInWhatItOwes) {
+    close();
+    redis.kill();
+    const Script script(Script::Connections{{{kPong, kFlags, kPongToSubscriber}, {Script::kSink}}});
+    open_at(std::string("unix://") + Script::kPath, DAL_CTX_SUBSCRIBE | DAL_CTX_PUBLISH);
+    ASSERT_EQ(ctx->state, dal::State::up);
+    uint32_t queued = 0;
+    for (; queued < 100001 && publish("e:1", "x") == 0; queued++)
+        while (dal::link_unsent(&ctx->publisher) > 100000)
+            loop::drain();
+    EXPECT_EQ(queued, 100000U);
+    EXPECT_TRUE(loop::logged("4 <DAL>: too much waits to be published"));
+    EXPECT_EQ(ctx->state, dal::State::up);
 }
 
 }  // namespace

@@ -87,7 +87,8 @@ void Redis::disconnect() {
 
 bool Redis::answers() {
     const std::string answer = run({"PING"});
-    return answer == "PONG" || answer.find("LOADING") != std::string::npos;
+    return answer == "PONG" || answer.find("LOADING") != std::string::npos ||
+           answer.find("NOAUTH") != std::string::npos;
 }
 
 std::string Redis::run(const std::vector<std::string> &arguments) {

@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "fixture.h"
 #include "linux/dal/context.h"
 
@@ -122,6 +124,75 @@ TEST_F(DalMemory, ThatIsShortOnceAtAnyAllocationIsSurvived) {
     }
 }
 
+/** Whatever memory was short for, nothing that was missed stays so for longer than the next comparisons. */
+TEST_F(DalMemory, ThatIsShortOnceAtAnyAllocationLosesNoChange) {
+    for (int failing = 1;; failing++) {
+        redis.run({"CONFIG", "SET", "notify-keyspace-events", "KA"});
+        redis("MSET /a/1 one /a/2 two");
+        redis("DEL /a/3");
+        open();
+        ASSERT_NE(ctx, nullptr);
+        ASSERT_EQ(subscribe("__keyspace@0__:/a/*"), 0);
+        delivered.clear();
+        redis.run({"CONFIG", "SET", "notify-keyspace-events", ""});
+        redis("MSET /a/2 other /a/3 three");
+        redis("DEL /a/1");
+        allocations = 0;
+        failing_allocation = failing;
+        dal_sub_ctx_chk(ctx);
+        loop::run_until([this] { return ctx->state != dal::State::up || ctx->audit.phase == dal::AuditPhase::none; });
+        loop::drain();
+        failing_allocation = 0;
+        const bool over = allocations < failing;
+        ASSERT_TRUE(ctx->state == dal::State::up || run_until_back()) << failing;
+        ASSERT_EQ(dal_sub_ctx_chk(ctx), 0) << failing;
+        ASSERT_TRUE(run_until_delivered(3)) << failing;
+        ASSERT_TRUE(run_until_compared());
+        std::sort(delivered.begin(), delivered.end(),
+                  [](const Delivered &left, const Delivered &right) { return left.channel < right.channel; });
+        // what there was no memory to remember is delivered again
+        delivered.erase(std::unique(delivered.begin(), delivered.end()), delivered.end());
+        const auto each = [](const char *key, const char *event) {
+            return Delivered{"a", "__keyspace@0__:/a/*", std::string("__keyspace@0__:") + key, event};
+        };
+        ASSERT_EQ(delivered, (std::vector<Delivered>{each("/a/1", "del"), each("/a/2", "set"), each("/a/3", "set")}))
+            << failing;
+        close();
+        if (over) {
+            EXPECT_GT(failing, 15) << "the allocations of the comparison are counted";
+            return;
+        }
+    }
+}
+
+TEST_F(DalMemory, ThatIsShortOnceAtAnyAllocationOfASubscriptionCostsDeliveriesAndNoChange) {
+    for (int failing = 1;; failing++) {
+        redis.run({"CONFIG", "SET", "notify-keyspace-events", "KA"});
+        redis("MSET /a/1 one /a/2 two");
+        open();
+        ASSERT_NE(ctx, nullptr);
+        delivered.clear();
+        allocations = 0;
+        failing_allocation = failing;
+        subscribe("__keyspace@0__:/a/*");
+        failing_allocation = 0;
+        const bool over = allocations < failing;
+        ASSERT_TRUE(ctx->state == dal::State::up || run_until_back()) << failing;
+        ASSERT_EQ(subscribe("__keyspace@0__:/a/*"), 0) << failing;
+        redis.run({"CONFIG", "SET", "notify-keyspace-events", ""});
+        redis("SET /a/2 other");
+        ASSERT_EQ(dal_sub_ctx_chk(ctx), 0);
+        ASSERT_TRUE(run_until_compared());
+        size_t told = 0;
+        for (const Delivered &each : delivered)
+            told += each.channel == "__keyspace@0__:/a/2" && each.data == "set";
+        EXPECT_EQ(told, 1U) << failing;
+        close();
+        if (over)
+            return;
+    }
+}
+
 class DalDescriptors : public DalTest {
 protected:
     /** Lets no further descriptor be opened. */
@@ -135,6 +206,21 @@ protected:
 private:
     rlimit before_{};
 };
+
+TEST_F(DalDescriptors, ThatAreExhaustedPutAComparisonOff) {
+    open();
+    ASSERT_EQ(subscribe("__keyspace@0__:k"), 0);
+    redis.run({"CONFIG", "SET", "notify-keyspace-events", ""});
+    redis("SET k v");
+    exhaust();
+    EXPECT_EQ(dal_sub_ctx_chk(ctx), 0);
+    EXPECT_TRUE(run_until_compared());
+    relieve();
+    EXPECT_TRUE(loop::logged("4 <DAL>: the keys are not compared with what is known of them: Too many open files"));
+    EXPECT_EQ(ctx->state, dal::State::up);
+    loop::advance(10000);
+    EXPECT_TRUE(run_until_delivered(1));
+}
 
 TEST_F(DalDescriptors, ThatAreExhaustedAreALossUntilThereAreSomeAgain) {
     open();

@@ -1,0 +1,148 @@
+/* Comparisons with servers that do not speak as they should. */
+#include <stdlib.h>
+
+#include "linux/dal/context.h"
+#include "resync_fixture.h"
+#include "script.h"
+
+namespace {
+
+const char kConfirmed[] = "*3\r\n$10\r\npsubscribe\r\n$17\r\n__keyspace@0__:/*\r\n:1\r\n";
+std::string bulk(const std::string &text) {
+    return "$" + std::to_string(text.size()) + "\r\n" + text + "\r\n";
+}
+
+const std::string kInfo = bulk("# Persistence\r\nloading:0\r\n");
+const std::string kLoading = bulk("# Persistence\r\nloading:1\r\n");
+const char kNoKeys[] = "*2\r\n$1\r\n0\r\n*0\r\n";
+const char kOneKey[] = "*2\r\n$1\r\n0\r\n*1\r\n$2\r\n/k\r\n";
+const char kNothing[] = "$-1\r\n";
+
+/** Connections in the order in which they are made: the subscriber's, the reader's, then one for each comparison. */
+class DalAuditGarbage : public DalResync {
+protected:
+    void SetUp() override { loop::reset(); }
+
+    /** A subscription while there are no keys, then one comparison with these answers. */
+    void compare_with(const Script::Answers &answers, Then then = Then::the_same) {
+        const Script script(
+            Script::Connections{{{kPong, std::string(kNoClient) + kFlags, kConfirmed, kPongToSubscriber},
+                                 {kPong, kNoKeys, "$1\r\nv\r\n"},
+                                 answers}},
+            then);
+        open_at(std::string("unix://") + Script::kPath);
+        ASSERT_NE(ctx, nullptr);
+        ASSERT_EQ(subscribe("__keyspace@0__:/*"), 0);
+        ASSERT_EQ(dal_sub_ctx_chk(ctx), 0);
+        const auto over = [this] { return ctx->audit.phase == dal::AuditPhase::none; };
+        if (!loop::run_until(over, 100))
+            loop::advance(2000);  // an answer that never comes
+        loop::run_until(over);
+        delivered_count = delivered.size();
+        state = ctx->state;
+        close();
+        delivered.clear();
+    }
+
+    size_t delivered_count = 0;
+    dal::State state = dal::State::lost;
+};
+
+TEST_F(DalAuditGarbage, AServerThatAnswersWellIsCompared) {
+    compare_with({kInfo, kFlags, kOneKey, "$1\r\nv\r\n", kInfo});
+    EXPECT_EQ(delivered_count, 1U);
+    EXPECT_EQ(loop::log_count("not compared"), 0U);
+}
+
+TEST_F(DalAuditGarbage, ALoadingServerIsNotCompared) {
+    for (const std::string &info : {kLoading, bulk("loading:1"), bulk("async_loading:1\r\n")}) {
+        compare_with({info, kFlags, kOneKey, "$1\r\nv\r\n", kInfo});
+        EXPECT_EQ(delivered_count, 0U) << info;
+    }
+}
+
+TEST_F(DalAuditGarbage, AServerThatIsLoadingBehindTheWalkIsNotBelieved) {
+    compare_with({kInfo, kFlags, kOneKey, "$1\r\nv\r\n", kLoading});
+    EXPECT_EQ(delivered_count, 0U);
+    EXPECT_TRUE(loop::logged("not compared with what is known of them: the server is loading its data"));
+}
+
+TEST_F(DalAuditGarbage, LinesThatOnlyLookLikeItAreNone) {
+    compare_with({bulk("xloading:1\r\nloading:10\r\n# loading:1\r\n"), kFlags, kOneKey, "$1\r\nv\r\n", kInfo});
+    EXPECT_EQ(delivered_count, 1U);
+}
+
+TEST_F(DalAuditGarbage, InsteadOfAnAnswerGivesTheComparisonUpAndTheServerStaysUsed) {
+    for (const char *answer : {":5\r\n", "*0\r\n", "+x\r\n", "*2\r\n$1\r\n0\r\n:7\r\n", "*2\r\n:0\r\n*0\r\n",
+                               "*2\r\n$1\r\n0\r\n*1\r\n:1\r\n", "-ERR x\r\n", "garbage\r\n", "$-1\r\n", "*-1\r\n"}) {
+        compare_with({kInfo, kFlags, answer});
+        EXPECT_EQ(delivered_count, 0U) << answer;
+        EXPECT_EQ(state, dal::State::up) << answer;
+        EXPECT_EQ(loop::log_count("4 <DAL>: the keys are not compared"), 1U) << answer;
+    }
+    for (const char *answer : {":5\r\n", "*0\r\n", "*-1\r\n", "garbage\r\n", "+OK\r\n"}) {
+        compare_with({answer});
+        EXPECT_EQ(state, dal::State::up) << answer;
+        EXPECT_EQ(loop::log_count("4 <DAL>: the keys are not compared"), 1U) << answer;
+    }
+}
+
+TEST_F(DalAuditGarbage, InsteadOfAValueGivesTheComparisonUp) {
+    for (const char *answer : {":5\r\n", "+x\r\n", "*2\r\n$1\r\nf\r\n$1\r\nv\r\n", "-ERR x\r\n", "*0\r\n"}) {
+        compare_with({kInfo, kFlags, kOneKey, answer});
+        EXPECT_EQ(delivered_count, 0U) << answer;
+        EXPECT_EQ(loop::log_count("not compared"), 1U) << answer;
+    }
+    for (const char *answer :
+         {":5\r\n", "*1\r\n$1\r\nf\r\n", "*2\r\n:1\r\n:2\r\n", "*2\r\n$1\r\nf\r\n$-1\r\n", "-E\r\n"}) {
+        compare_with({kInfo, kFlags, kOneKey, "-WRONGTYPE x\r\n", answer});
+        EXPECT_EQ(delivered_count, 0U) << answer;
+        EXPECT_EQ(loop::log_count("not compared"), 1U) << answer;
+    }
+}
+
+TEST_F(DalAuditGarbage, AKeyThatIsOfNoTypeAskedForIsNotThere) {
+    compare_with({kInfo, kFlags, kOneKey, "-WRONGTYPE x\r\n", "-WRONGTYPE x\r\n", kInfo});
+    EXPECT_EQ(delivered_count, 0U);
+    EXPECT_EQ(loop::log_count("not compared"), 0U);
+    compare_with({kInfo, kFlags, kOneKey, kNothing, kInfo});
+    EXPECT_EQ(delivered_count, 0U);
+    EXPECT_EQ(loop::log_count("not compared"), 0U);
+}
+
+TEST_F(DalAuditGarbage, AWalkThatNeverEndsIsGivenUp) {
+    compare_with({kInfo, kFlags, "*2\r\n$1\r\n7\r\n*0\r\n"});
+    EXPECT_EQ(loop::log_count("not compared"), 1U);
+}
+
+TEST_F(DalAuditGarbage, ACloseAtAnyByteDoesNoHarm) {
+    const std::vector<std::string> session = {kInfo, kFlags, kOneKey, "$1\r\nv\r\n", kInfo};
+    for (size_t step = 0; step < session.size(); step++) {
+        for (size_t length = 0; length < session[step].size(); length++) {
+            std::vector<std::string> answers(session.begin(), session.begin() + static_cast<long>(step));
+            answers.push_back(session[step].substr(0, length));
+            compare_with(answers, Then::its_end);
+            EXPECT_EQ(delivered_count, 0U) << step << " " << length;
+            EXPECT_EQ(state, dal::State::up) << step << " " << length;
+        }
+    }
+}
+
+TEST_F(DalAuditGarbage, AnswersMadeAtRandomDoNoHarm) {
+    const std::string pieces[] = {"*1\r\n",     "*2\r\n",  "*0\r\n", "*-1\r\n", "$2\r\n/k\r\n", "$1\r\n0\r\n",
+                                  "$0\r\n\r\n", "$-1\r\n", ":7\r\n", "+OK\r\n", "-ERR\r\n",     "-WRONGTYPE\r\n",
+                                  kInfo,        kFlags,    kOneKey,  "$3\r\n",  "\r\n"};
+    unsigned seed = 1;
+    for (int round = 0; round < 150; round++) {
+        Script::Answers answers = {kInfo, kFlags, kOneKey};
+        answers.resize(static_cast<size_t>(rand_r(&seed) % 4));
+        for (int answer = rand_r(&seed) % 4; answer >= 0; answer--) {
+            answers.emplace_back();
+            for (int piece = rand_r(&seed) % 3; piece >= 0; piece--)
+                answers.back() += pieces[static_cast<size_t>(rand_r(&seed)) % std::size(pieces)];
+        }
+        compare_with(answers, Then::its_end);
+    }
+}
+
+}  // namespace
