@@ -29,7 +29,8 @@ constexpr const char *kSerialFiles[] = {
 const sockaddr_ll *ethernet_address(const ifaddrs *entry) {
     if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_PACKET)
         return nullptr;
-    const auto *address = reinterpret_cast<const sockaddr_ll *>(entry->ifa_addr);
+    // the C library aligns it for the family that it has, which its type does not say
+    const auto *address = static_cast<const sockaddr_ll *>(static_cast<const void *>(entry->ifa_addr));
     return address->sll_hatype == ARPHRD_ETHER && address->sll_halen == kMacSize ? address : nullptr;
 }
 

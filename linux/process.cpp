@@ -1,12 +1,14 @@
 #include "linux/process.h"
 
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <malloc.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "linux/notices.h"
 
 namespace {
 
@@ -27,15 +29,32 @@ int open_stdio() {
  * time, which takes longer than the export itself.
  */
 void keep_freed_memory() {
+#ifdef __GLIBC__  // others have no such thresholds
     constexpr int kMostKept = 4 * 1024 * 1024;
     mallopt(M_MMAP_THRESHOLD, kMostKept);
     mallopt(M_TRIM_THRESHOLD, kMostKept);
+#endif
+}
+
+/**
+ * A stack grows when it is used, and where memory is short just then the process is killed. So the part that an event
+ * of the routing daemon needs, 1 MiB, is made its own at once; no memory stands behind it before it is used.
+ */
+__attribute__((noinline)) void reserve_stack() {
+    constexpr size_t kRoom = size_t{1280} * 1024;
+    rlimit most;
+    if (getrlimit(RLIMIT_STACK, &most) < 0 || most.rlim_cur < 2 * kRoom)
+        return;
+    char room[kRoom];
+    room[0] = 0;
+    __asm__ volatile("" : : "r"(room) : "memory");  // or the compiler would leave it out
 }
 
 /** Whoever started the process may have left descriptors open: they are not for its children. */
 void keep_inherited_descriptors_to_us() {
 #ifdef SYS_close_range
-    syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // not in kernels before 5.11
+    constexpr unsigned kCloseOnExec = 1U << 2;  // in kernels from 5.11 on; older headers do not name it
+    syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, kCloseOnExec);
 #endif
 }
 
@@ -43,9 +62,11 @@ void keep_inherited_descriptors_to_us() {
 
 int prepare_process() {
     keep_freed_memory();
+    reserve_stack();
     if (open_stdio() < 0)
         return -1;
     keep_inherited_descriptors_to_us();
+    notices_take_environment();
     umask(S_IWGRP | S_IWOTH);
     signal(SIGPIPE, SIG_IGN);
     sigset_t child;

@@ -79,6 +79,13 @@ int DispRemoveInput(Dispatcher *dispatcher, int fd, int type) {
     return 0;
 }
 
+uint32_t count_inputs(const Loop *loop) {
+    uint32_t count = 0;
+    for (const Input *input = loop->inputs; input; input = input->next)
+        count++;
+    return count;
+}
+
 void free_inputs(Loop *loop) {
     while (Input *input = loop->inputs) {
         loop->inputs = input->next;

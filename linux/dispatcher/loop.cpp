@@ -11,6 +11,7 @@
 #include <initializer_list>
 
 #include "core/descriptor.h"
+#include "linux/notices.h"
 #include "linux/platform_log.h"
 
 namespace {
@@ -25,10 +26,11 @@ sigset_t child_signals() {
     return set;
 }
 
-sigset_t end_signals() {
+/** Those that end the loop, and the one that asks what it watches. */
+sigset_t request_signals() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT})
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1})
         sigaddset(&set, number);
     return set;
 }
@@ -44,12 +46,22 @@ void on_child_signal(evutil_socket_t, short, void *) {
     let_child_signal_through();
 }
 
-void on_end_signal(evutil_socket_t fd, short, void *loop) {
+void on_request_signal(evutil_socket_t fd, short, void *arg) {
+    const auto *loop = static_cast<const Loop *>(arg);
     signalfd_siginfo signal_info;
     if (read(fd, &signal_info, sizeof signal_info) != sizeof signal_info)
         return;
+    if (signal_info.ssi_signo == SIGUSR1) {
+        // at a level that passes by default: somebody asked
+        platform_warning("<DISPATCHER>: %u timers and %u inputs", count_timers(loop), count_inputs(loop));
+        return;
+    }
     platform_info("<DISPATCHER>: signal %u from process %u ends the loop", signal_info.ssi_signo, signal_info.ssi_pid);
-    event_base_loopbreak(static_cast<Loop *>(loop)->base);
+    event_base_loopbreak(loop->base);
+}
+
+void on_alive(evutil_socket_t, short, void *) {
+    notices_alive();
 }
 
 void on_libevent_message(int severity, const char *text) {
@@ -85,28 +97,40 @@ event *add_signal_event(Loop *loop, int fd, event_callback_fn callback) {
     return nullptr;
 }
 
+/** Between two handlers, as everything: a handler that never returns is what the service manager is to notice. */
+bool add_alive_event(Loop *loop) {
+    constexpr uint64_t kUsPerSecond = 1000000;
+    const uint64_t interval_us = notices_alive_interval_us();
+    if (interval_us == 0)
+        return true;
+    const timeval interval = {static_cast<time_t>(interval_us / kUsPerSecond),
+                              static_cast<suseconds_t>(interval_us % kUsPerSecond)};
+    loop->alive = event_new(loop->base, -1, EV_PERSIST, on_alive, nullptr);
+    return loop->alive && event_add(loop->alive, &interval) == 0;
+}
+
 bool fill(Loop *loop) {
     loop->child_signal_fd = watch_signals(child_signals());
-    loop->end_signal_fd = watch_signals(end_signals());
-    if (loop->child_signal_fd < 0 || loop->end_signal_fd < 0)
+    loop->request_signal_fd = watch_signals(request_signals());
+    if (loop->child_signal_fd < 0 || loop->request_signal_fd < 0)
         return false;
     loop->base = make_base();
     if (!loop->base)
         return false;
     loop->child_signal = add_signal_event(loop, loop->child_signal_fd, on_child_signal);
-    loop->end_signal = add_signal_event(loop, loop->end_signal_fd, on_end_signal);
-    return loop->child_signal && loop->end_signal;
+    loop->request_signal = add_signal_event(loop, loop->request_signal_fd, on_request_signal);
+    return loop->child_signal && loop->request_signal && add_alive_event(loop);
 }
 
 void free_loop(Loop *loop) {
     free_inputs(loop);
     free_timers(loop);
-    for (event *signal_event : {loop->child_signal, loop->end_signal})
+    for (event *signal_event : {loop->child_signal, loop->request_signal, loop->alive})
         if (signal_event)
             event_free(signal_event);
     if (loop->base)
         event_base_free(loop->base);
-    for (const int fd : {loop->child_signal_fd, loop->end_signal_fd})
+    for (const int fd : {loop->child_signal_fd, loop->request_signal_fd})
         if (fd >= 0)
             close(fd);
     free(loop);
@@ -149,8 +173,10 @@ int DispProcess(Dispatcher *dispatcher, int) {
     Loop *loop = loop_of(dispatcher);
     if (!loop)
         return 0;
+    notices_ready();
     if (event_base_loop(loop->base, EVLOOP_NO_EXIT_ON_EMPTY) < 0)
         platform_error("<DISPATCHER>: the loop has failed: %s", strerror(errno));
+    notices_stopping();
     let_child_signal_through();
     return 0;
 }

@@ -13,10 +13,11 @@ struct Timer;
 
 struct Loop {
     event_base *base;
-    int child_signal_fd; /**< readable while a SIGCHLD is pending; never read from */
-    int end_signal_fd;   /**< readable while a signal that ends the loop is pending */
+    int child_signal_fd;   /**< readable while a SIGCHLD is pending; never read from */
+    int request_signal_fd; /**< readable while a signal is pending that asks something of the loop */
     event *child_signal;
-    event *end_signal;
+    event *request_signal;
+    event *alive; /**< tells the service manager; NULL when nobody asked for that */
     Input *inputs;
     Timer *timers;
 };
@@ -28,6 +29,9 @@ inline Loop *loop_of(const Dispatcher *dispatcher) {
 
 /** The process's Dispatcher, NULL while there is none. */
 Dispatcher *current_dispatcher();
+
+uint32_t count_inputs(const Loop *loop);
+uint32_t count_timers(const Loop *loop);
 
 void free_inputs(Loop *loop);
 void free_timers(Loop *loop);

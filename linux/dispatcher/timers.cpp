@@ -95,6 +95,13 @@ int DispRemoveTimerInternal(Dispatcher *dispatcher, uint32_t timer, const char *
     return 0;
 }
 
+uint32_t count_timers(const Loop *loop) {
+    uint32_t count = 0;
+    for (const Timer *timer = loop->timers; timer; timer = timer->next)
+        count++;
+    return count;
+}
+
 void free_timers(Loop *loop) {
     while (Timer *timer = loop->timers) {
         loop->timers = timer->next;
