@@ -4,6 +4,7 @@
 #include "cluster/cluster_notify.h"
 #include "core/global.h"
 #include "core/log.h"
+#include "core/notification.h"
 #include "core/owned.h"
 #include "rpapp/link.h"
 
@@ -70,21 +71,6 @@ bool send_cluster_of_key(const Replay &replay, const char *key, int number) {
     return true;
 }
 
-/** Fills the list with the clusters' keys. Returns 0, or -1 when the DAL failed. */
-int scan_keys(List *keys, const char *function) {
-    log_info("<VYRWRAP>:%s: do scan for pattern %s", function, kScanPattern);
-    if (const int error = dal_sync_ctx_chk(vyrwrap_global.dal_ctx)) {
-        log_error("<VYRWRAP>:%s: dal_sync_ctx_chk() returned error(%d)", function, error);
-        return -1;
-    }
-    if (const int error = dal_scan(vyrwrap_global.dal_ctx, kScanPattern, keys)) {
-        log_error("<VYRWRAP>:%s: dal_scan() returned error(%d)", function, error);
-        return -1;
-    }
-    log_info("<VYRWRAP>:%s: dal_scan(): num of cluster keys:%d", function, static_cast<int>(ListCount(keys)));
-    return 0;
-}
-
 }  // namespace
 
 void vyrwrap_read_all_send_clusters_from_dal_to_vyr() {
@@ -104,8 +90,9 @@ void vyrwrap_read_all_send_clusters_from_dal_to_vyr() {
         log_error("<VYRWRAP>:%s: Failed to alloc Msgbuf mem(size:%d)", __func__, static_cast<int>(kClusterMsgMax));
         return;
     }
-    if (scan_keys(keys.get(), __func__) < 0)
+    if (!notification_scan_hashes(kScanPattern, __func__, keys.get()))
         return;
+    log_info("<VYRWRAP>:%s: dal_scan(): num of cluster keys:%d", __func__, static_cast<int>(ListCount(keys.get())));
     const Replay replay = {record.get(), message.get(), __func__};
     int number = 1;
     ListGet(keys.get(), LIST_REWIND);

@@ -17,42 +17,42 @@ constexpr char kStaticPath[] = "/tmp/vyr_static.conf";
 
 constexpr unsigned kMaxPrefixes = 512;
 
-/** Appends the whole template. Returns 0, or -1 with errno set. */
-int append_template(ConfigFile *file, FILE *source) {
+/** Appends the whole template. Returns false with errno set when it cannot be read. */
+bool append_template(ConfigFile *file, FILE *source) {
     char block[4096];
     while (const size_t count = fread(block, 1, sizeof block, source))
         config_file_put(file, {block, count});
-    return ferror(source) ? -1 : 0;
+    return !ferror(source);
 }
 
-int copy_main_config() {
+bool copy_main_config() {
     FILE *source = fopen(kTemplatePath, "re");
     if (!source) {
         log_error("<VYRWRAP>: Failed to open /etc/bird/vyr.conf - %s", strerror(errno));
-        return -1;
+        return false;
     }
     ConfigFile *file = config_file_open(kMainPath);
     if (!file) {
         const int open_error = errno;
         fclose(source);
         log_error("<VYRWRAP>: Failed to open /tmp/vyr.conf- %s", strerror(open_error));
-        return -1;
+        return false;
     }
-    if (append_template(file, source) < 0) {
+    if (!append_template(file, source)) {
         log_error("<VYRWRAP>: Failed to open /etc/bird/vyr.conf - %s", strerror(errno));
         config_file_discard(file);
         fclose(source);
-        return -1;
+        return false;
     }
     fclose(source);
     if (config_file_close(file) < 0) {
         log_error("<VYRWRAP>: Failed to open /tmp/vyr.conf- %s", strerror(errno));
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-int write_log_config() {
+bool write_log_config() {
     ConfigFile *file = config_file_open(kLogPath);
     if (file)
         config_file_put(file,
@@ -60,9 +60,9 @@ int write_log_config() {
                         "{ warning, error, auth, fatal, bug };\n");
     if (!file || config_file_close(file) < 0) {
         log_error("<VYRWRAP>: Failed to open /tmp/vyr_log.conf - %s", strerror(errno));
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 void put_app_config(ConfigFile *file) {
@@ -83,7 +83,7 @@ void put_app_config(ConfigFile *file) {
                     "}\n");
 }
 
-int write_app_config() {
+bool write_app_config() {
     ConfigFile *file = config_file_open(kAppPath);
     if (file)
         put_app_config(file);
@@ -91,25 +91,23 @@ int write_app_config() {
         const int open_error = errno;
         log_error("<VYRWRAP>: Failed to open %s - %s", kAppPath, strerror(open_error));
         log_error("<VYRWRAP>: Failed to write /tmp/vyr_app.conf - %s", strerror(open_error));
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-int create_static_config() {
+bool create_static_config() {
     fputs("VyrWrap, config vyr_static\n", stderr);
     ConfigFile *file = config_file_open(kStaticPath);
     if (!file || config_file_close(file) < 0) {
         log_error("<VYRWRAP>: Failed to open /tmp/vyr_static.conf - %s", strerror(errno));
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 }  // namespace
 
 int vyrwrap_write_startup_config() {
-    if (copy_main_config() < 0 || write_log_config() < 0 || write_app_config() < 0)
-        return -1;
-    return create_static_config();
+    return copy_main_config() && write_log_config() && write_app_config() && create_static_config() ? 0 : -1;
 }

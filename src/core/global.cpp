@@ -9,3 +9,10 @@ void vyrwrap_mark_config_dirty(const char *function) {
     vyrwrap_global.dirty_wait_ticks = 0;
     log_debug("<VYRWRAP>: Dirty flag set at %s", function);
 }
+
+void vyrwrap_note_file_written(uint32_t file, bool written) {
+    if (written)
+        vyrwrap_global.unwritten_files &= ~file;
+    else
+        vyrwrap_global.unwritten_files |= file;
+}

@@ -17,6 +17,11 @@
 /** The daemon's module in the logging library. */
 inline constexpr int kVyrwrapModule = 416;
 
+/** The routing daemon's files that are written again and again, as bits. */
+inline constexpr uint32_t kStaticRoutesFile = 1;
+inline constexpr uint32_t kOverlayFile = 2;
+inline constexpr uint32_t kLogLevelFile = 4;
+
 struct VyrwrapGlobal {
     uint32_t static_route_count;   /**< next hops in the static route table, by the counting rules of apply.cpp */
     uint8_t default_route_changed; /**< a default route was applied: the timer reloads at once */
@@ -40,6 +45,7 @@ struct VyrwrapGlobal {
     StaticRouteTable static_routes;
     uint32_t dirty_wait_ticks;  /**< timer runs since config_dirty was last raised */
     uint32_t dirty_total_ticks; /**< timer runs with a reload pending, whatever came in between */
+    uint32_t unwritten_files;   /**< those that could not be written: the timer tries again */
 };
 
 /** Zero at start. */
@@ -47,3 +53,6 @@ extern VyrwrapGlobal vyrwrap_global;
 
 /** A file of the routing daemon's has changed: raises config_dirty and begins the quiet period anew. */
 void vyrwrap_mark_config_dirty(const char *function);
+
+/** An attempt to write one of the files has gone well or not. Leaves errno alone. */
+void vyrwrap_note_file_written(uint32_t file, bool written);

@@ -3,10 +3,9 @@
 #include <arpa/inet.h>
 #include <string.h>
 
-#include <algorithm>
-
 #include "core/log.h"
 #include "core/text.h"
+#include "platform/korvalog.h"
 
 namespace {
 
@@ -22,17 +21,22 @@ bool copy_address(char *address, size_t size, const char *begin, const char *end
     return copy_between(address, size, begin, end) && is_ipv4_text(address);
 }
 
-/** Length of a stretch of a key as a printf precision. */
-int shown_length(const char *begin, const char *end) {
-    constexpr ptrdiff_t kMoreThanALogLineHolds = 4096;
-    return static_cast<int>(std::clamp<ptrdiff_t>(end - begin, 0, kMoreThanALogLineHolds));
+/** A stretch of a key for a message: as much of it as a log line holds. */
+struct ShownText {
+    char text[KORVA_LOG_BUFFER_SIZE];
+};
+
+ShownText shown(const char *begin, const char *end) {
+    ShownText copy{};
+    copy_between(copy.text, sizeof copy.text, begin, end);
+    return copy;
 }
 
 }  // namespace
 
 bool is_ipv4_text(const char *text) {
     in_addr address;
-    return text[0] != '\0' && inet_aton(text, &address) != 0;
+    return inet_aton(text, &address) != 0;
 }
 
 const char *read_key_addresses(const char *key, const KeyAddressRules &rules, KeyAddresses *addresses) {
@@ -47,7 +51,7 @@ const char *read_key_addresses(const char *key, const KeyAddressRules &rules, Ke
         return nullptr;
     const char *address = brace + 1;
     if (!copy_address(addresses->address, rules.size, address, address_end)) {
-        log_error("<VYRWRAP>: Error in Path, Invalid dest ip %.*s", shown_length(address, address_end), address);
+        log_error("<VYRWRAP>: Error in Path, Invalid dest ip %s", shown(address, address_end).text);
         return nullptr;
     }
     const char *netmask = address_end + 1;
@@ -55,7 +59,7 @@ const char *read_key_addresses(const char *key, const KeyAddressRules &rules, Ke
     if (!netmask_end)
         return nullptr;
     if (!copy_address(addresses->netmask, rules.size, netmask, netmask_end)) {
-        log_error("<VYRWRAP>: Error in Path, Invalid mask ip %.*s", shown_length(netmask, netmask_end), netmask);
+        log_error("<VYRWRAP>: Error in Path, Invalid mask ip %s", shown(netmask, netmask_end).text);
         return nullptr;
     }
     return netmask_end;

@@ -18,9 +18,9 @@ int message_id(LogLevel level) {
         case LOG_LEVEL_INFO:
             return 399815;
         case LOG_LEVEL_DEBUG:
-            return 399814;
+            break;
     }
-    return 0;
+    return 399814;
 }
 
 }  // namespace

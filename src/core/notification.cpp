@@ -47,6 +47,19 @@ const char *notification_hash_name(const dal_reply *reply, const char *channel_p
     return name;
 }
 
+bool notification_scan_hashes(const char *pattern, const char *function, List *keys) {
+    log_info("<VYRWRAP>:%s: do scan for pattern %s", function, pattern);
+    if (const int error = dal_sync_ctx_chk(vyrwrap_global.dal_ctx)) {
+        log_error("<VYRWRAP>:%s: dal_sync_ctx_chk() returned error(%d)", function, error);
+        return false;
+    }
+    if (const int error = dal_scan(vyrwrap_global.dal_ctx, pattern, keys)) {
+        log_error("<VYRWRAP>:%s: dal_scan() returned error(%d)", function, error);
+        return false;
+    }
+    return true;
+}
+
 int notification_subscribe(const char *pattern, dal_sub_callback callback, const SubscriptionLog &log) {
     char command[1024];
     snprintf(command, sizeof command, "%s %s", "PSUBSCRIBE", pattern);

@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 
+#include "platform/cmnutil.h"
 #include "platform/dal.h"
 
 /** Elements of a notification. */
@@ -38,6 +39,12 @@ bool notification_is_complete(const dal_reply *reply, const char *function);
  */
 const char *notification_hash_name(const dal_reply *reply, const char *channel_prefix, const char *function,
                                    int *action_out);
+
+/**
+ * Appends the keys that match `pattern` to the list. Each step is logged under the caller's name. Returns false when
+ * the DAL failed.
+ */
+bool notification_scan_hashes(const char *pattern, const char *function, List *keys);
 
 /** What a subscription's result is logged with: the caller's name and the numbers of the two messages. */
 struct SubscriptionLog {

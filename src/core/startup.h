@@ -3,8 +3,7 @@
  */
 #pragma once
 
-/** The whole life of the daemon. Returns its exit status: 0, or -1 when a configuration file cannot be written. */
-int vyrwrap_main();
+#include "platform/daemon.h"
 
 /** Builds every subsystem in its order. Returns 1, or 0 when the loop must not run. */
 int vyrwrap_init();

@@ -15,8 +15,10 @@
 #include "logctl/vyr_log_level.h"
 #include "oap/oap_config.h"
 #include "platform/korvalog.h"
+#include "staticroute/static_config.h"
 #include "staticroute/subscription.h"
 #include "tunnel/tunnel_table.h"
+#include "vyrsock/control_client.h"
 
 namespace {
 
@@ -31,6 +33,17 @@ constexpr uint32_t kQuietTicks = 1;        /**< a change waits for more runs tha
 constexpr uint32_t kLongestWaitTicks = 11; /**< but never for more than these in all */
 constexpr uint32_t kDalCheckTicks = 12;    /**< once a minute */
 constexpr int kExitStatusVyrEnded = 5;     /**< own exit status when no signal killed the routing daemon */
+
+/** A disk that was full, a directory in a file's place: nobody tells when it is over. */
+void write_unwritten_files() {
+    // the first one may run the timer's handler: what is still unwritten is looked at afresh each time
+    if (vyrwrap_global.unwritten_files & kStaticRoutesFile)
+        write_static_config(&vyrwrap_global.static_routes);
+    if (vyrwrap_global.unwritten_files & kOverlayFile)
+        oapWriteConfig();
+    if (vyrwrap_global.unwritten_files & kLogLevelFile)
+        vyrwrap_write_vyr_log_level();
+}
 
 void take_external_dirty_flag() {
     if (access(kDirtyFlagPath, F_OK) != 0)
@@ -74,6 +87,7 @@ bool follow_debug_level() {
         log_error("<VYRWRAP>: Failed to open /tmp/vyr_log.conf - %s", strerror(errno));
         return false;
     }
+    vyrwrap_note_file_written(kLogLevelFile, true);  // this content is the later one
     vyrwrap_mark_config_dirty("vyrwrap_mytimer");
     return true;
 }
@@ -150,12 +164,16 @@ void follow_end_of_vyr() {
     if (vyrwrap_global.vyr_pid)
         end_with_vyr();
     vyrwrap_global.vyr_exited = 0;
+    // with status 100 the connection to it stays open, and requests written to that would fail for ever
+    if (vyrwrap_global.ctl_sock_fd != 0)
+        vyrwrap_close_vyr_data_socket();
     start_vyr();
 }
 
 }  // namespace
 
 void vyrwrap_mytimer() {
+    write_unwritten_files();
     take_external_dirty_flag();
     if (vyrwrap_global.vyr_pid && !follow_debug_level())
         return;

@@ -41,38 +41,31 @@ constexpr Row kChannelTemplates[] = {
 constexpr unsigned kApCategory = 2;
 constexpr unsigned kRouteLimitRow = 16;
 
-// The names in rows left empty are the platform's: this daemon publishes none of those events.
-constexpr Row kClientEvents[69] = {"*"};
-constexpr Row kApEvents[22] = {"*", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "route_limit"};
-constexpr Row kWlanEvents[3] = {"*"};
-constexpr Row kIdsEvents[8] = {"*"};
-constexpr Row kMeshEvents[3] = {"*"};
-constexpr Row kRadioEvents[29] = {"*"};
-constexpr Row kVpnEvents[6] = {"*"};
-constexpr Row kSpecEvents[3] = {"*"};
-constexpr Row kConfigEvents[3] = {"*"};
-constexpr Row kPcapEvents[2] = {"*"};
-constexpr Row kBtmEvents[2] = {"*"};
-constexpr Row kDppEvents[6] = {"*"};
-constexpr Row kExceptionEvents[2] = {"*"};
-constexpr Row kIdsTrapEvents[1] = {"*"};
+constexpr unsigned kMostRows = 69; /**< of the longest list, category 1 */
 
-constexpr const Row *kEventLists[] = {kChannelTemplates, kClientEvents, kApEvents,  kWlanEvents,      kIdsEvents,
-                                      kMeshEvents,       kRadioEvents,  kVpnEvents, kSpecEvents,      kConfigEvents,
-                                      kPcapEvents,       kBtmEvents,    kDppEvents, kExceptionEvents, kIdsTrapEvents};
-constexpr unsigned kFilledEntries = sizeof kEventLists / sizeof kEventLists[0];
-static_assert(kFilledEntries == 15 && kFilledEntries <= kEventTableSize);
+// The names in rows left empty are the platform's: this daemon publishes none of those events.
+constexpr Row kApEvents[22] = {"*", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "route_limit"};
+
+/** The list of every other category, whatever its length: row 0 is set on first use, and there are no names behind it.
+ */
+Row other_events[kMostRows];
+
+constexpr unsigned kCategories = 14;
+static_assert(kCategories < kEventTableSize);
 
 bool table_unfilled = true;
 
 void fill_table() {
-    for (unsigned i = 0; i < kFilledEntries; i++)
-        eid_mapping_table[i] = kEventLists[i][0];
+    other_events[0][0] = '*';
+    eid_mapping_table[kTemplateEntry] = kChannelTemplates[0];
+    for (unsigned category = 1; category <= kCategories; category++)
+        eid_mapping_table[category] = category == kApCategory ? kApEvents[0] : other_events[0];
     table_unfilled = false;
 }
 
 const char *table_row(unsigned entry, unsigned row) {
-    return eid_mapping_table[entry] + size_t{row} * kEventRowSize;
+    const char *rows = eid_mapping_table[entry];
+    return &rows[size_t{row} * kEventRowSize];
 }
 
 }  // namespace

@@ -42,6 +42,8 @@ const char *categories_of(const char *level) {
     return "";
 }
 
+char last_categories[128]; /**< what the file was to be written with last */
+
 /** Returns 0, or -1 with errno set. */
 int write_log_config(const char *categories) {
     char network_line[256];
@@ -57,10 +59,15 @@ int write_log_config(const char *categories) {
 }  // namespace
 
 int vyrwrap_set_vyr_log_level(const char *level) {
-    char categories[128];
-    snprintf(categories, sizeof categories, "%s%s", categories_of(level), kAlwaysLogged);
-    log_debug("<VYRWRAP>: vyr log string - %s", categories);
-    if (write_log_config(categories) < 0) {
+    snprintf(last_categories, sizeof last_categories, "%s%s", categories_of(level), kAlwaysLogged);
+    log_debug("<VYRWRAP>: vyr log string - %s", last_categories);
+    return vyrwrap_write_vyr_log_level();
+}
+
+int vyrwrap_write_vyr_log_level() {
+    const bool written = write_log_config(last_categories) == 0;
+    vyrwrap_note_file_written(kLogLevelFile, written);
+    if (!written) {
         log_error("<VYRWRAP>: Failed to open /tmp/vyr_log.conf - %s", strerror(errno));
         return -1;
     }

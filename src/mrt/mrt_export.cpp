@@ -40,16 +40,16 @@ size_t pack_request(uint32_t request_code, uint8_t *buffer) {
     char no_filter[] = "";
     ProtoReqMsg request;
     proto_req_msg__init(&request);
-    request.has_request = 1;
+    request.has_request = true;
     request.request = request_code;
-    request.has_offset = 1;
+    request.has_offset = true;
     request.offset = kRequestOffset;
-    request.has_count = 1;
+    request.has_count = true;
     request.count = kRequestCount;
-    request.has_version = 1;
+    request.has_version = true;
     request.version = kRequestVersion;
     request.filter = no_filter;
-    request.has_flags = 1;
+    request.has_flags = true;
     request.flags = kRequestFlags;
     return proto_req_msg__pack(&request, buffer);
 }

@@ -1,6 +1,9 @@
 /* The VLANs whose connected routes the overlay exports. All messages go out at error level. */
 #include <string.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "core/global.h"
 #include "core/log.h"
 #include "core/parse.h"
@@ -15,7 +18,7 @@ constexpr int kInvalidVlanLine = 179; /**< belongs to the message */
 
 void clear_list() {
     oapCfg_g.redist_vlan_count = 0;
-    memset(oapCfg_g.redist_vlans, 0, sizeof oapCfg_g.redist_vlans);
+    std::fill(std::begin(oapCfg_g.redist_vlans), std::end(oapCfg_g.redist_vlans), 0U);
 }
 
 /** An id; the character at `end` is a separator, so that the number ends there. */

@@ -135,7 +135,9 @@ int oapWriteConfig() {
         put_filter(file);
         put_protocol(file);
     }
-    if (!file || config_file_close(file) < 0) {
+    const bool written = file && config_file_close(file) == 0;
+    vyrwrap_note_file_written(kOverlayFile, written);
+    if (!written) {
         log_error("<OAPCLI>: failed to create config file");
         return -1;
     }

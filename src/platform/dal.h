@@ -157,7 +157,10 @@ void dal_free_slist(List *list);
 /** 0 while the connection for reads answers, or could be made again. */
 int dal_sync_ctx_chk(dal_ctx *ctx);
 
-/** Asks the library to look after its subscription connection; 0 while it stands. Never waits. */
+/**
+ * Asks the library to look after its subscription connection; 0 while it stands. Never waits. What keyspace patterns
+ * missed is delivered from the loop as if it had just happened.
+ */
 int dal_sub_ctx_chk(dal_ctx *ctx);
 
 /** What a keyspace notification's event text says; 0 for any text not listed. */

@@ -3,7 +3,7 @@
  *
  * The library brings the header. What the daemon uses of it:
  *   - ProtoReqMsg with the members request, offset, count, version and flags (optional scalars) and filter (text);
- *     proto_req_msg__init, proto_req_msg__get_packed_size, proto_req_msg__pack
+ *     proto_req_msg__init, proto_req_msg__pack
  *   - ProtoRespMsg with the members type and result (optional scalars) and limit (NULL when absent), of which event,
  *     route_count and max_routes; proto_resp_msg__unpack, proto_resp_msg__free_unpacked
  */

@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/timer.h"
 #include "platform/cmnutil.h"
+#include "staticroute/kept_text.h"
 
 using namespace std::string_view_literals;
 
@@ -182,9 +183,9 @@ void put_route(ConfigFile *file, const RouteText &route, const NextHopTexts &nex
         return;
     }
     config_file_put_all(file, "  route "sv, route.dest, "/"sv, route.length, " metric "sv, route.metric, " "sv);
-    put_next_hop(file, next_hops.hops[0]);
-    for (size_t i = 1; i < next_hops.count; i++) {
-        config_file_put(file, "\n      "sv);
+    for (size_t i = 0; i < next_hops.count; i++) {
+        if (i > 0)
+            config_file_put(file, "\n      "sv);
         put_next_hop(file, next_hops.hops[i]);
     }
     put_attributes(file, route, next_hops.count > 1 ? "        "sv : "    "sv);
@@ -199,70 +200,42 @@ void render_entry(ConfigFile *file, StaticRouteEntry *entry, uint8_t filter_mode
     put_route(file, route, next_hops);
 }
 
-/** A route as it was rendered last. At each change all routes but one are as they were. */
-struct RenderedRoute {
-    StaticRouteEntry entry;
-    size_t length; /**< of text; 0 when nothing was kept */
-    char text[160];
-};
-
-RenderedRoute last_rendered[kMaxStaticRoutes];
-
-/** Whether the same bytes in the entry mean the same text: a name behind a pointer may change, and its absence is
- * logged. */
-bool can_be_kept(const StaticRouteEntry *entry, uint8_t filter_mode) {
-    for (int slot = 0; slot < kMaxNextHops; slot++)
-        if (entry->flags[slot] & (NEXT_HOP_CLUSTER | NEXT_HOP_IPSEC))
-            return false;
-    return filter_mode == 0;
-}
-
-/** Whether two entries without names have the same text. */
-bool same_text(const StaticRouteEntry *a, const StaticRouteEntry *b) {
-    return a->dest == b->dest && a->mask == b->mask && a->metric == b->metric && a->distance == b->distance &&
-           memcmp(a->gateway, b->gateway, sizeof a->gateway) == 0 && memcmp(a->flags, b->flags, sizeof a->flags) == 0 &&
-           memcmp(a->kind, b->kind, sizeof a->kind) == 0 && memcmp(a->used, b->used, sizeof a->used) == 0 &&
-           memcmp(a->vlan, b->vlan, sizeof a->vlan) == 0;
-}
-
-void keep(RenderedRoute *rendered, const StaticRouteEntry *entry, std::string_view text) {
-    if (text.empty() || text.size() > sizeof rendered->text)
-        return;
-    rendered->entry = *entry;
-    memcpy(rendered->text, text.data(), text.size());
-    rendered->length = text.size();
-}
-
-void put_entry(ConfigFile *file, StaticRouteEntry *entry, uint8_t filter_mode, RenderedRoute *rendered) {
-    if (!can_be_kept(entry, filter_mode)) {
+void put_entry(ConfigFile *file, StaticRouteEntry *entry, uint8_t filter_mode, size_t index) {
+    if (!route_text_can_be_kept(entry, filter_mode)) {
         render_entry(file, entry, filter_mode);
         return;
     }
-    if (rendered->length > 0 && same_text(&rendered->entry, entry)) {
-        config_file_put(file, {rendered->text, rendered->length});
+    if (const std::string_view kept = kept_route_text(index, entry); !kept.empty()) {
+        config_file_put_all(file, kept);
         return;
     }
     const size_t begin = config_file_length(file);
     render_entry(file, entry, filter_mode);
-    keep(rendered, entry, config_file_text_from(file, begin));
+    keep_route_text(index, entry, config_file_text_from(file, begin));
 }
 
 void put_table(ConfigFile *file, const StaticRouteTable *table) {
     config_file_put(file, "protocol static {\n  ipv4;\n"sv);
     for (size_t i = 0; i < kMaxStaticRoutes; i++)
         if (table->entries[i].in_use)
-            put_entry(file, &table->entries[i], table->filter_mode, &last_rendered[i]);
+            put_entry(file, &table->entries[i], table->filter_mode, i);
     config_file_put(file, "}\n"sv);
+}
+
+bool replace_file(const StaticRouteTable *table) {
+    ConfigFile *file = config_file_open(kPath);
+    if (!file)
+        return false;
+    put_table(file, table);
+    return config_file_close(file) == 0;
 }
 
 }  // namespace
 
 int write_static_config(const StaticRouteTable *table) {
-    ConfigFile *file = config_file_open(kPath);
-    if (!file)
-        return -1;
-    put_table(file, table);
-    if (config_file_close(file) < 0)
+    const bool written = replace_file(table);
+    vyrwrap_note_file_written(kStaticRoutesFile, written);
+    if (!written)
         return -1;
     vyrwrap_mark_config_dirty(kWriter);
     if (vyrwrap_global.default_route_changed) {

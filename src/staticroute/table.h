@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "staticroute/route_key.h"
@@ -34,16 +35,20 @@ struct StaticRouteEntry {
     uint32_t mask;
     uint32_t in_use; /**< 1 while the entry holds a route */
     uint32_t metric;
+    uint32_t distance; /**< "preference" is 256 minus this; 50 means none is written */
     uint32_t gateway[kMaxNextHops];
     uint32_t flags[kMaxNextHops];     /**< NextHopFlag */
     uint32_t kind[kMaxNextHops];      /**< NextHopKind */
+    int32_t vlan[kMaxNextHops];       /**< VLAN of a PPPoE or tunnel-interface next hop */
     uint8_t used[kMaxNextHops];       /**< 1 while the slot holds a next hop */
     char *map_name[kMaxNextHops];     /**< owned, kMapNameSize bytes; NULL unless an IPsec next hop */
     char *cluster_name[kMaxNextHops]; /**< owned, kClusterNameSize bytes; NULL unless a cluster next hop */
-    int32_t vlan[kMaxNextHops];       /**< VLAN of a PPPoE or tunnel-interface next hop */
     uint8_t data_vpnc[kMaxNextHops];  /**< set by the writer: the map name has the data-VPNC form */
-    uint32_t distance;                /**< "preference" is 256 minus this; 50 means none is written */
 };
+
+/** The first members, without gaps, are all that a route without names is rendered from. */
+inline constexpr size_t kStaticRoutePlainSize = offsetof(StaticRouteEntry, used) + sizeof StaticRouteEntry::used;
+static_assert(kStaticRoutePlainSize == (5 + 4 * kMaxNextHops) * sizeof(uint32_t) + kMaxNextHops);
 
 struct StaticRouteTable {
     StaticRouteEntry *entries; /**< kMaxStaticRoutes of them */

@@ -5,6 +5,7 @@
 
 #include "core/global.h"
 #include "core/log.h"
+#include "core/notification.h"
 #include "core/owned.h"
 #include "rpapp/link.h"
 #include "tunnel/tunnel_message.h"
@@ -69,16 +70,9 @@ void vyrwrap_read_all_tunnels_from_dal() {
     const OwnedDalList keys(ListCreate());
     if (!keys)
         return;
-    log_info("<VYRWRAP>:%s: do scan for pattern %s", __func__, kKeyPattern);
-    if (const int result = dal_sync_ctx_chk(vyrwrap_global.dal_ctx); result != 0) {
-        log_error("<VYRWRAP>:%s: dal_sync_ctx_chk() returned error(%d)", __func__, result);
+    if (!notification_scan_hashes(kKeyPattern, __func__, keys.get()))
         return;
-    }
-    if (const int result = dal_scan(vyrwrap_global.dal_ctx, kKeyPattern, keys.get()); result != 0) {
-        log_error("<VYRWRAP>:%s: dal_scan() returned error(%d)", __func__, result);
-        return;
-    }
-    log_info("<VYRWRAP>:%s: dal_scan(): num of tunnel keys:%d", __func__, ListCount(keys.get()));
+    log_info("<VYRWRAP>:%s: dal_scan(): num of tunnel keys:%d", __func__, static_cast<int>(ListCount(keys.get())));
     int allocated = 0;
     ListGet(keys.get(), LIST_REWIND);
     while (const auto *key = static_cast<const dal_kv *>(ListGet(keys.get(), LIST_NEXT)))

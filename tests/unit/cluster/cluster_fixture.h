@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "cluster/cluster_notify.h"
+#include "fakes/allocations.h"
 #include "fakes/fakes.h"
 #include "fakes/routing_app.h"
 #include "platform/cmnutil.h"
@@ -69,6 +70,7 @@ protected:
     }
 
     static void add_tunnel(const std::string &name, uint32_t peer_tunnel_ip, const std::string &mac) {
+        const fake::OwnAllocations own;
         vyrwrap_global.tunnel_table = table();
         auto *tunnel = static_cast<vpninfo *>(calloc(1, sizeof(vpninfo)));
         strcpy(tunnel->tunnel_name, name.c_str());

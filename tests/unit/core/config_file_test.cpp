@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "fakes/fakes.h"
+#include "fakes/resources.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ TEST_F(ConfigFileTest, ReplacesTheFileOnlyWhenItIsClosed) {
     config_file_put_number(file, 42);
     config_file_put_all(file, std::string_view(" and "), std::string_view(""), std::string_view("more"));
     config_file_printf(file, " %s\n", "text");
-    ASSERT_EQ(config_file_flush(file), 0);
+    EXPECT_EQ(config_file_flush(file), 0);
     EXPECT_EQ(fake::read_file(kPath), "old\n");
     ASSERT_EQ(config_file_close(file), 0);
     EXPECT_EQ(fake::read_file(kPath), "new 42 and more text\n");
@@ -225,6 +226,25 @@ TEST_F(ConfigFileTest, GoesOnAfterAnInterruptedWrite) {
     fake::fail_call("write", EINTR);
     ASSERT_EQ(config_file_close(file), 0);
     EXPECT_EQ(fake::read_file(kPath), text);
+}
+
+TEST_F(ConfigFileTest, WhatErrnoSaidBeforeIsNoFailure) {
+    fake::write_file(kPath, "old\n");  // so that looking at it leaves errno alone
+    const size_t descriptors = fake::open_descriptors();
+    errno = EEXIST;
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    config_file_discard(file);
+    EXPECT_EQ(fake::open_descriptors(), descriptors);
+}
+
+TEST_F(ConfigFileTest, DiscardingLeavesErrnoAlone) {
+    ConfigFile *file = config_file_open(kPath);
+    ASSERT_NE(file, nullptr);
+    unlink(kNewPath);  // so that there is nothing to remove, which sets errno
+    errno = EXDEV;
+    config_file_discard(file);
+    EXPECT_EQ(errno, EXDEV);
 }
 
 }  // namespace

@@ -133,8 +133,8 @@ TEST_F(DalAdapterTest, CleanupWhileShuttingDownOnlyClearsTheRecord) {
 TEST_F(DalAdapterTest, ReadinessCallsTheConnectionsHandlerWhenThereIsOne) {
     vyrwrap_dal_add_read(&conn);
     vyrwrap_dal_add_write(&conn);
-    fake::input_ready(7, DISP_READ);
-    fake::input_ready(7, DISP_WRITE);
+    EXPECT_EQ(fake::input_ready(7, DISP_READ), 0);
+    EXPECT_EQ(fake::input_ready(7, DISP_WRITE), 0);
     EXPECT_EQ(handled, 0);
     conn.read_handler = count_handled;
     fake::input_ready(7, DISP_READ);

@@ -68,8 +68,10 @@ TEST_F(SupervisionTest, StartsTheRoutingDaemonWithItsArgumentsInItsOwnGroup) {
 TEST_F(SupervisionTest, StartsItWithDefaultDispositionsButSighupIgnored) {
     install_vyr("grep ^SigIgn /proc/self/status > /tmp/vyr_report\n");
     const auto old_pipe = signal(SIGPIPE, SIG_IGN);
+    const auto old_hup = signal(SIGHUP, SIG_DFL);
     run_vyr_to_its_end();
     signal(SIGPIPE, old_pipe);
+    signal(SIGHUP, old_hup);
     EXPECT_EQ(fake::read_file(kReport), "SigIgn:\t0000000000000001\n");
 }
 
@@ -116,6 +118,21 @@ TEST_F(SupervisionTest, GivesItDevNullToReadAndWriteInPlaceOfAllThree) {
     waitpid(middle, nullptr, 0);
     const std::string read_and_write = "/dev/null\nflags:\t0100002\n";
     EXPECT_EQ(fake::read_file(kReport), read_and_write + read_and_write + read_and_write);
+}
+
+TEST_F(SupervisionTest, LeavesItOpenStandardDescriptors) {
+    install_vyr("found=$(readlink /proc/$$/fd/1); echo \"$found\" > /tmp/vyr_report\n");
+    const int saved = dup(1);
+    const int other = open("/tmp/vyr_output", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(dup2(other, 1), 1);
+    const int started = vyrwrap_start_vyr();
+    dup2(saved, 1);
+    close(saved);
+    close(other);
+    ASSERT_EQ(started, 0);
+    await_end(vyrwrap_global.vyr_pid);
+    vyrwrap_sigchld_handler(SIGCHLD);
+    EXPECT_EQ(fake::read_file(kReport), "/tmp/vyr_output\n");
 }
 
 TEST_F(SupervisionTest, GivesItDevNullInPlaceOfAStandardDescriptorThatExecCloses) {

@@ -1,6 +1,7 @@
 #include "core/timer.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -165,6 +166,7 @@ TEST_F(TimerTest, AFullFileSystemLeavesTheLogFileAndIsTriedAgain) {
     vyrwrap_mytimer();
     EXPECT_EQ(fake::log_texts(3), Texts{"<VYRWRAP>: Failed to open /tmp/vyr_log.conf - No space left on device"});
     EXPECT_EQ(fake::read_file(kLogConfig), "old\n");
+    EXPECT_EQ(fake::read_file(std::string(kLogConfig) + ".new"), "(no file)");
     EXPECT_TRUE(fake::commands.empty());
     vyrwrap_mytimer();
     EXPECT_EQ(vyrwrap_global.vyr_debug_on, 1);
@@ -409,6 +411,16 @@ TEST_F(TimerTest, Status100IsFollowedOnEveryRunWithoutBound) {
         vyrwrap_mytimer();
         EXPECT_EQ(forks(), i);
     }
+}
+
+TEST_F(TimerTest, ARestartAfterStatus100ClosesTheConnectionToTheOneBefore) {
+    const int connection = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    vyrwrap_global.ctl_sock_fd = connection;
+    vyrwrap_global.vyr_exited = 1;
+    vyrwrap_mytimer();
+    EXPECT_EQ(vyrwrap_global.ctl_sock_fd, 0);
+    EXPECT_EQ(fcntl(connection, F_GETFD), -1);
+    EXPECT_EQ(fake::log_texts(7), std::vector<std::string>{"<VYRWRAP>: vyr server socket is closed"});
 }
 
 TEST_F(TimerTest, AFailedRestartIsTriedAgain) {

@@ -53,8 +53,8 @@ TEST_F(RouteLimitTest, WithoutANameTheExamplesSixteenBytesGoOut) {
 TEST_F(RouteLimitTest, ValuesGoOutWholeAtBothEndsOfTheirRange) {
     vyrwrap_prepare_event();
     vyrwrap_publish_route_limit(0, UINT32_MAX, 0);
-    EXPECT_EQ(fake::publications.at(0).data,
-              "\x74\x00\x01\x0a\x00\x2a\x0a\x08\x00\x10\xff\xff\xff\xff\x0f\x18\x00\x00"s);
+    ASSERT_EQ(fake::publications.size(), 1U);
+    EXPECT_EQ(fake::publications[0].data, "\x74\x00\x01\x0a\x00\x2a\x0a\x08\x00\x10\xff\xff\xff\xff\x0f\x18\x00\x00"s);
 }
 
 TEST_F(RouteLimitTest, TheLineFeedStaysPartOfTheName) {
@@ -146,6 +146,18 @@ TEST_F(RouteLimitTest, WithoutAContextTheEventIsLost) {
     vyrwrap_global.dal_ctx = nullptr;
     EXPECT_EQ(published(), "");
     EXPECT_TRUE(fake::logged(4, "dal_pub_event(1211): Invalid dal ctx"));
+}
+
+TEST_F(RouteLimitTest, TheNameIsReadAlsoWhereDescriptor0IsFree) {
+    fake::write_file(kNamePath, "ap-1\n");
+    const int saved = dup(0);
+    close(0);
+    const std::string data = published();
+    if (saved >= 0) {
+        dup2(saved, 0);
+        close(saved);
+    }
+    EXPECT_EQ(data, envelope_with_name("ap-1\n"));
 }
 
 }  // namespace

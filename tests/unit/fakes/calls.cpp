@@ -6,6 +6,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "fakes/allocations.h"
 #include "fakes/fakes.h"
 #include "fakes/internal.h"
 
@@ -84,7 +85,36 @@ bool fails(Call call) {
     return true;
 }
 
+long allocation_count;
+long failing_allocation;
+int own_allocations;
+
+/** The same for what fail_allocation has said. */
+bool allocation_fails() {
+    if (own_allocations > 0 || ++allocation_count != failing_allocation)
+        return false;
+    errno = ENOMEM;
+    return true;
+}
+
 }  // namespace
+
+void fail_allocation(long number) {
+    allocation_count = 0;
+    failing_allocation = number;
+}
+
+long allocations() {
+    return allocation_count;
+}
+
+OwnAllocations::OwnAllocations() {
+    own_allocations++;
+}
+
+OwnAllocations::~OwnAllocations() {
+    own_allocations--;
+}
 
 void fail_call(const std::string &call, int error, int skip, int times) {
     plans[index_of(call)] = {skip, times, error};
@@ -114,6 +144,23 @@ using namespace fake;
 
 extern "C" {
 
+void *__real_realloc(void *old, size_t size);
+void *__wrap_malloc(size_t size);
+void *__wrap_calloc(size_t count, size_t size);
+void *__wrap_realloc(void *old, size_t size);
+
+void *__wrap_malloc(size_t size) {
+    return fails(CALL_MALLOC) || allocation_fails() ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_calloc(size_t count, size_t size) {
+    return fails(CALL_CALLOC) || allocation_fails() ? nullptr : __real_calloc(count, size);
+}
+
+void *__wrap_realloc(void *old, size_t size) {
+    return fails(CALL_REALLOC) || allocation_fails() ? nullptr : __real_realloc(old, size);
+}
+
 // The linker sends each NAME of the daemon's here and gives the C library's as __real_NAME.
 #define WRAP(call, result_type, failure, name, parameters, arguments) \
     result_type __real_##name parameters;                             \
@@ -122,10 +169,6 @@ extern "C" {
         return fails(call) ? failure : __real_##name arguments;       \
     }
 
-WRAP(CALL_MALLOC, void *, nullptr, malloc, (size_t size), (size))
-WRAP(CALL_CALLOC, void *, nullptr, calloc, (size_t count, size_t size), (count, size))
-WRAP(CALL_REALLOC, void *, nullptr, realloc, (void *old, size_t size), (old, size))
-WRAP(CALL_EXECVP, int, -1, execvp, (const char *file, char *const argv[]), (file, argv))
 WRAP(CALL_SOCKET, int, -1, socket, (int domain, int type, int protocol), (domain, type, protocol))
 WRAP(CALL_BIND, int, -1, bind, (int fd, const sockaddr *address, socklen_t length),
      (fd, address, (address_length = length)))
@@ -140,10 +183,34 @@ WRAP(CALL_SETSOCKOPT, int, -1, setsockopt, (int fd, int level, int option, const
      (fd, level, option, value, length))
 WRAP(CALL_FTRUNCATE, int, -1, ftruncate, (int fd, off_t length), (fd, length))
 
+// There in a build that measures coverage: behind exec and _exit, what a child has executed would be lost.
+__attribute__((weak)) void __gcov_dump(void);
+__attribute__((weak)) void __gcov_reset(void);
+
+static void save_coverage() {
+    if (!__gcov_dump)
+        return;
+    __gcov_dump();
+    __gcov_reset();
+}
+
+int __real_execvp(const char *file, char *const argv[]);
+int __wrap_execvp(const char *file, char *const argv[]);
+int __wrap_execvp(const char *file, char *const argv[]) {
+    save_coverage();
+    return fails(CALL_EXECVP) ? -1 : __real_execvp(file, argv);
+}
+
+[[noreturn]] void __wrap__exit(int status);
+void __wrap__exit(int status) {
+    save_coverage();
+    __real__exit(status);
+}
+
 ssize_t __real_sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length);
 ssize_t __wrap_sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length);
 ssize_t __wrap_sendto(int fd, const void *buffer, size_t size, int flags, const sockaddr *address, socklen_t length) {
-    sendto_address_length = length;
+    sendto_address_length = static_cast<long>(length);
     if (fails(CALL_SENDTO))
         return -1;
     long result = 0;
@@ -180,7 +247,6 @@ int __wrap_getsockopt(int fd, int level, int option, void *value, socklen_t *len
     return result;
 }
 
-pid_t __real_fork(void);
 pid_t __wrap_fork(void);
 pid_t __wrap_fork(void) {
     if (fails(CALL_FORK))

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "fakes/allocations.h"
 #include "fakes/fakes.h"
 #include "fakes/internal.h"
 #include "linux/hash.h"
@@ -45,6 +46,7 @@ uint32_t next_timer;
 /** The level table, made once and kept: its rows change, the table does not. */
 HashTable *level_table() {
     static HashTable *table = [] {
+        const OwnAllocations own;
         HashTable *made = _HashCreate(4);
         for (int module : {kVyrwrapModule, kEventModule}) {
             auto *row = static_cast<lgModuleLevel *>(calloc(1, sizeof(lgModuleLevel)));

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/timer.h"
 #include "fakes/fakes.h"
 
 namespace {
@@ -133,7 +134,7 @@ TEST_F(VyrLogLevelTest, WithoutTheKeyStartUpTakesWarn) {
 TEST_F(VyrLogLevelTest, ADalThatCannotBeAskedForTheKeyMeansWarn) {
     fake::strings[kKey] = "debug";
     fake::failing_calls.insert("dal_is_key_exist");
-    vyrwrap_dal_read_and_set_logging_level();
+    EXPECT_EQ(vyrwrap_dal_read_and_set_logging_level(), 0);
     EXPECT_EQ(fake::read_file(kPath), kWarnFile);
     EXPECT_EQ(errors().size(), 1U);
 }
@@ -141,7 +142,7 @@ TEST_F(VyrLogLevelTest, ADalThatCannotBeAskedForTheKeyMeansWarn) {
 TEST_F(VyrLogLevelTest, AKeyThatCannotBeReadMeansWarn) {
     fake::strings[kKey] = "debug";
     fake::failing_calls.insert("dal_get");
-    vyrwrap_dal_read_and_set_logging_level();
+    EXPECT_EQ(vyrwrap_dal_read_and_set_logging_level(), 0);
     EXPECT_EQ(fake::read_file(kPath), kWarnFile);
     EXPECT_EQ(errors(), std::vector<std::string>{"<VYRWRAP>: vyrwrap_dal_read_and_set_logging_level: Error reading DAL "
                                                  "key /op/vyr/logging/vyr_log_level. Setting log-level to warning"});
@@ -156,7 +157,7 @@ TEST_F(VyrLogLevelTest, AFailedSubscriptionStillAppliesTheValue) {
 
 TEST_F(VyrLogLevelTest, ALongValueIsCutAfterSixteenCharacters) {
     fake::strings[kKey] = "0123456789abcdefghijklmnopqrstuvwxyz";
-    vyrwrap_dal_read_and_set_logging_level();
+    EXPECT_EQ(vyrwrap_dal_read_and_set_logging_level(), 0);
     EXPECT_EQ(fake::log_texts(6),
               std::vector<std::string>{"<VYRWRAP>: vyrwrap_dal_read_and_set_logging_level: DAL key: "
                                        "/op/vyr/logging/vyr_log_level, value read: 0123456789abcdef, value length 16"});
@@ -165,7 +166,7 @@ TEST_F(VyrLogLevelTest, ALongValueIsCutAfterSixteenCharacters) {
 
 TEST_F(VyrLogLevelTest, AnEmptyValueIsAnUnknownLevel) {
     fake::strings[kKey] = "";
-    vyrwrap_dal_read_and_set_logging_level();
+    EXPECT_EQ(vyrwrap_dal_read_and_set_logging_level(), 0);
     EXPECT_EQ(fake::read_file(kPath), file_with(" error, auth, fatal, bug "));
 }
 
@@ -244,6 +245,38 @@ TEST_F(VyrLogLevelTest, AChannelWithoutAKeyIsAFailedRead) {
     const std::string text = "<VYRWRAP>: vyrwrap_subscribe_logging_cb: 761: DAL get Error";
     EXPECT_EQ(errors(), (std::vector<std::string>{text, text}));
     EXPECT_EQ(fake::read_file(kPath), "(no file)");
+}
+
+/* ---- written again by the timer ---- */
+
+TEST_F(VyrLogLevelTest, TheTimerWritesWhatCouldNotBeWritten) {
+    ASSERT_EQ(mkdir(kPath, 0755), 0);
+    EXPECT_EQ(vyrwrap_set_vyr_log_level("info"), -1);
+    vyrwrap_mytimer();
+    EXPECT_EQ(errors(), (std::vector<std::string>{2, "<VYRWRAP>: Failed to open /tmp/vyr_log.conf - Is a directory"}));
+    ASSERT_EQ(rmdir(kPath), 0);
+    vyrwrap_mytimer();
+    EXPECT_EQ(fake::read_file(kPath), file_with(" info, remote, warning, error, auth, fatal, bug "));
+    EXPECT_EQ(vyrwrap_global.config_dirty, 1);
+    fake::write_file(kPath, "as it was\n");
+    vyrwrap_mytimer();
+    EXPECT_EQ(fake::read_file(kPath), "as it was\n");
+}
+
+TEST_F(VyrLogLevelTest, TheTimersOwnLaterContentStays) {
+    vyrwrap_global.vyr_pid = 4242;
+    fake::on_kill = [](int, int, int *result) {
+        *result = 0;
+        return true;
+    };
+    fake::debug_enabled = 1;
+    fake::fail_call("write", ENOSPC, 0, 2);
+    EXPECT_EQ(vyrwrap_set_vyr_log_level("info"), -1);
+    vyrwrap_mytimer();
+    const std::string debugging = fake::read_file(kPath);
+    EXPECT_EQ(debugging.find("NETWORK.log"), std::string::npos);
+    vyrwrap_mytimer();
+    EXPECT_EQ(fake::read_file(kPath), debugging);
 }
 
 }  // namespace

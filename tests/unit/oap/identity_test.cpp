@@ -188,6 +188,7 @@ TEST_F(IdentityTest, ATemplateThatCannotBeReadIsAFailureAndKeepsTheOldFile) {
     EXPECT_EQ(oapReadIdentity(), -1);
     EXPECT_EQ(fake::log_texts(3), Texts{"<VYRWRAP>: fopen of /etc/bird/vyr_oap.conf failed - Is a directory"});
     EXPECT_EQ(file(), "old\n");
+    EXPECT_EQ(fake::read_file(std::string(kOapConfigPath) + ".new"), "(no file)");
 }
 
 TEST_F(IdentityTest, AFileThatCannotBeOpenedIsAFailureNamingItAndTakesNothingFromTheTemplate) {

@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "core/global.h"
+#include "core/timer.h"
 #include "oap_fixture.h"
 
 namespace {
@@ -334,6 +335,20 @@ TEST_F(WriterTest, AFullFileSystemKeepsTheOldFileAndTheConfigurationClean) {
     EXPECT_EQ(file(), "old\n");
     EXPECT_EQ(vyrwrap_global.config_dirty, 0);
     EXPECT_EQ(fake::log_texts(3), Texts{"<OAPCLI>: failed to create config file"});
+}
+
+TEST_F(WriterTest, TheTimerWritesWhatCouldNotBeWritten) {
+    mkdir(kOapConfigPath, 0755);
+    EXPECT_EQ(oapWriteConfig(), -1);
+    vyrwrap_mytimer();
+    EXPECT_EQ(fake::log_texts(3), (Texts{2, "<OAPCLI>: failed to create config file"}));
+    rmdir(kOapConfigPath);
+    vyrwrap_mytimer();
+    EXPECT_NE(file().find("SN12345678"), std::string::npos);
+    EXPECT_EQ(vyrwrap_global.config_dirty, 1);
+    fake::write_file(kOapConfigPath, "as it was\n");
+    vyrwrap_mytimer();
+    EXPECT_EQ(file(), "as it was\n");
 }
 
 }  // namespace

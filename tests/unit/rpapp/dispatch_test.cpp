@@ -110,6 +110,13 @@ TEST_F(DispatchTest, DoesNotTakeAVlanOpcodeForTheKind) {
     EXPECT_EQ(errors(), Texts{kIm + "Unsupported opcode (7)"});
 }
 
+TEST_F(DispatchTest, NoClusterMessageIsAFailure) {
+    for (const uint32_t opcode : {0U, 4U}) {
+        const RoutingAppMsg msg = record(9, opcode, 0);
+        EXPECT_EQ(vyrwrap_process_vyrapp_msg_cluster(&msg), 0) << opcode;
+    }
+}
+
 TEST_F(DispatchTest, RefusesEveryOtherClusterOpcode) {
     for (const uint32_t opcode : {0U, 1U, 2U, 3U, 5U}) {
         fake::log_lines.clear();

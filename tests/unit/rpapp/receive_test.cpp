@@ -5,27 +5,12 @@
 #include <array>
 #include <random>
 
-#include "fakes/fakes.h"
-#include "fakes/routing_app.h"
-#include "rpapp/link.h"
+#include "link_fixture.h"
 
 namespace {
 
-class LinkReceiveTest : public fake::Test {
+class LinkReceiveTest : public LinkTest {
 protected:
-    void SetUp() override {
-        fake::Test::SetUp();
-        fake::make_socket_folder();
-        vyrwrap_global.app_sock_fd = vyrwrap_app_socket_connect();
-        ASSERT_GE(vyrwrap_global.app_sock_fd, 0);
-        fake::log_lines.clear();
-    }
-
-    void TearDown() override {
-        close(vyrwrap_global.app_sock_fd);
-        fake::Test::TearDown();
-    }
-
     /** Sends it and has it read as the loop would. Returns the handler's result. */
     int deliver(const std::string &datagram) {
         EXPECT_TRUE(app_.send(datagram));

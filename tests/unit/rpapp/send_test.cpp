@@ -5,27 +5,12 @@
 
 #include <memory>
 
-#include "fakes/fakes.h"
-#include "fakes/routing_app.h"
-#include "rpapp/link.h"
+#include "link_fixture.h"
 
 namespace {
 
-class LinkSendTest : public fake::Test {
+class LinkSendTest : public LinkTest {
 protected:
-    void SetUp() override {
-        fake::Test::SetUp();
-        fake::make_socket_folder();
-        vyrwrap_global.app_sock_fd = vyrwrap_app_socket_connect();
-        ASSERT_GE(vyrwrap_global.app_sock_fd, 0);
-        fake::log_lines.clear();
-    }
-
-    void TearDown() override {
-        close(vyrwrap_global.app_sock_fd);
-        fake::Test::TearDown();
-    }
-
     static ssize_t send(const std::string &text) { return vyrwrap_send_to_routing_app(text.data(), text.size()); }
 
     /** The one line logged for a failed send. */

@@ -27,6 +27,7 @@ TEST_F(AllocTest, WithoutMemoryTheProcessEndsWithStatus12) {
             atexit([] {
                 for (const std::string &text : fake::log_texts(3))
                     fputs(text.c_str(), stderr);
+                fake::reset();  // who else ends with the process finds memory
             });
             fake::fail_call("calloc", ENOMEM);
             fake::fail_call("malloc", ENOMEM);
@@ -586,6 +587,18 @@ TEST_F(ApplyTest, APlainGatewaysMessagesShowTheNextHopOfTheRouteBefore) {
     EXPECT_STREQ(report.text,
                  "Write into vyr configuration file failed - Input/output error.Route add failed for "
                  "10.2.0.0/16 via cluster_c");
+}
+
+TEST_F(ApplyTest, ClusterNamesThatFillTheirFieldAreToldApartByTheirLastCharacter) {
+    StaticRouteCfg route = cluster_route("10.1.0.0", "255.255.0.0", "", 1);
+    memset(route.cluster_name, 'c', sizeof route.cluster_name);
+    StaticRouteCfg other = route;
+    other.cluster_name[sizeof other.cluster_name - 1] = 'd';
+    EXPECT_EQ(add(route), 1);
+    EXPECT_EQ(add(other), 1);
+    EXPECT_EQ(vyrwrap_global.static_route_count, 2U);
+    EXPECT_STREQ(entry(0).cluster_name[0], std::string(41, 'c').c_str());
+    EXPECT_STREQ(entry(0).cluster_name[1], (std::string(40, 'c') + 'd').c_str());
 }
 
 }  // namespace

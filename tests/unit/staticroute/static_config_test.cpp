@@ -1,9 +1,11 @@
 #include "staticroute/static_config.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/timer.h"
 #include "staticroute/fixture.h"
 
 namespace {
@@ -162,6 +164,24 @@ TEST_F(StaticConfigTest, AMissingNameIsWrittenAsNullAndLogged) {
         "<VYRWRAP> write_static_config: IPSEC name not set for route 10.1.0.0/16",
         "<VYRWRAP> write_static_config: Cluster name not set for route 10.2.0.0/16"};
     EXPECT_EQ(fake::log_texts(3), lines);
+}
+
+TEST_F(StaticConfigTest, AMissingNamesLineHoldsTheLongestDestination) {
+    add(ipsec_route("110.111.112.113", "255.255.255.255", "map\"", 1));
+    add(cluster_route("210.211.212.213", "255.255.255.255", "cluster_\"", 1));
+    fake::log_lines.clear();
+    EXPECT_EQ(write(), 0);
+    const std::vector<std::string> lines = {
+        "<VYRWRAP> write_static_config: IPSEC name not set for route 110.111.112.113/32",
+        "<VYRWRAP> write_static_config: Cluster name not set for route 210.211.212.213/32"};
+    EXPECT_EQ(fake::log_texts(3), lines);
+}
+
+TEST_F(StaticConfigTest, APppoeNextHopHoldsTheLongestGateway) {
+    add(interface_route(ROUTE_KIND_PPPOE, "10.3.0.0", "255.255.0.0", "210.211.212.213", 4094, 1));
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(static_file(), with("  route 10.3.0.0/16 metric 1 via \"__pppoe__vlan4094_210.211.212.213\" {\n"
+                                  "    krt_metric = 1;\n    preference = 256;\n  };\n"));
 }
 
 TEST_F(StaticConfigTest, MissingNamesAreLoggedForADroppedRouteToo) {
@@ -354,6 +374,49 @@ TEST_F(StaticConfigTest, OneChangeIsOneWriteAndOneReplacement) {
     add(numbered_route(5, "1.1.1.2", 1));
     EXPECT_EQ(fake::call_count("write") - writes, 1);
     EXPECT_EQ(fake::call_count("rename") - renames, 1);
+}
+
+/* ---- written again by the timer ---- */
+
+TEST_F(StaticConfigTest, TheTimerWritesWhatCouldNotBeWritten) {
+    mkdir(kStaticFile, 0755);
+    add(numbered_route(1, "1.1.1.1", 7));
+    vyrwrap_mytimer();
+    EXPECT_EQ(vyrwrap_global.config_dirty, 0);
+    rmdir(kStaticFile);
+    vyrwrap_mytimer();
+    EXPECT_EQ(static_file(), with("  route 10.0.1.0/24 metric 7 via 1.1.1.1 {\n    krt_metric = 7;\n"
+                                  "    preference = 256;\n  };\n"));
+    EXPECT_EQ(vyrwrap_global.config_dirty, 1);
+    EXPECT_EQ(vyrwrap_global.dirty_wait_ticks, 1U);
+}
+
+TEST_F(StaticConfigTest, TheTimerWritesOutADeletionThatCouldNotBeWritten) {
+    add(numbered_route(1, "1.1.1.1", 7));
+    fake::fail_call("write", ENOSPC);
+    remove(numbered_route(1, "1.1.1.1", 7));
+    vyrwrap_mytimer();
+    EXPECT_EQ(static_file(), with(""));
+}
+
+TEST_F(StaticConfigTest, TheTimerLeavesAFileThatWasWrittenMeanwhile) {
+    fake::fail_call("write", ENOSPC);
+    EXPECT_EQ(write(), -1);
+    EXPECT_EQ(write(), 0);
+    fake::write_file(kStaticFile, "as it was\n");
+    vyrwrap_mytimer();
+    EXPECT_EQ(static_file(), "as it was\n");
+}
+
+TEST_F(StaticConfigTest, ADefaultRouteThatCouldNotBeWrittenIsReloadedAtOnceWhenItIs) {
+    vyrwrap_global.vyr_pid = kVyrPid;
+    fake::fail_call("write", ENOSPC);
+    add(gateway_route("0.0.0.0", "0.0.0.0", "1.1.1.1", 1));
+    EXPECT_TRUE(signals.empty());
+    vyrwrap_mytimer();
+    EXPECT_NE(static_file().find("  route 0.0.0.0/0 "), std::string::npos);
+    EXPECT_EQ(signals, std::vector<int>{SIGHUP});
+    EXPECT_EQ(vyrwrap_global.default_route_changed, 0);
 }
 
 }  // namespace

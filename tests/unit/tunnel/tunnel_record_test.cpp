@@ -1,6 +1,7 @@
 /* Records as read from the DAL. */
 #include "tunnel/tunnel_record.h"
 
+#include "core/owned.h"
 #include "tunnel/fixture.h"
 
 namespace {
@@ -317,6 +318,26 @@ TEST_F(TunnelRecordTest, NeverWritesBehindAShortListOfFailures) {
     char failed[20] = {};
     EXPECT_EQ(vyrwrap_read_tunnel_info_all_param_from_dal(&record, "/op/tunnel/t", failed, 15), -1);
     EXPECT_EQ(std::string(failed, sizeof failed), std::string("tunnel_name,ds") + std::string(6, '\0'));
+}
+
+TEST_F(TunnelRecordTest, EachFieldFillsItsOwnPartOfTheRecordOnly) {
+    fake::hashes["/op/tunnel/t"] = tunnel_fields("the name", 17, 1);
+    vpninfo whole;
+    ASSERT_EQ(read(&whole), 0);
+    dal_hash_request request{};
+    strcpy(request.key, "/op/tunnel/t");
+    ASSERT_EQ(dal_hgetall(vyrwrap_global.dal_ctx, &request), 0);
+    const OwnedDalList list(request.kvlist);
+    std::string sum(sizeof(vpninfo), '\0');
+    for (int field = 0; field < kTunnelFieldCount; field++) {
+        std::string record(sizeof(vpninfo), '\0');
+        EXPECT_EQ(get_tun_field_from_kvlist("t", list.get(), field, reinterpret_cast<vpninfo *>(record.data())), 1);
+        for (size_t i = 0; i < record.size(); i++) {
+            EXPECT_TRUE(record[i] == '\0' || sum[i] == '\0') << "field " << field << " byte " << i;
+            sum[i] = static_cast<char>(sum[i] | record[i]);
+        }
+    }
+    EXPECT_EQ(memcmp(sum.data(), &whole, sizeof whole), 0);
 }
 
 }  // namespace

@@ -99,6 +99,18 @@ TEST_F(VlanPathTest, TakesWhateverInetAtonTakes) {
     EXPECT_EQ(record_.netmask, 0xFFFFFF00U);
 }
 
+TEST_F(VlanPathTest, AnAddressMayBeOneDigit) {
+    EXPECT_EQ(read("/r{1:0:1}"), 0);
+    EXPECT_EQ(record_.ip, 1U);
+    EXPECT_EQ(record_.netmask, 0U);
+}
+
+TEST_F(VlanPathTest, ARefusedAddressIsLoggedAsFarAsALineGoes) {
+    const std::string text = "<VYRWRAP>: Error in Path, Invalid dest ip ";
+    const std::string address(3000, 'a');
+    EXPECT_EQ(refused("/r{" + address + ":255.255.255.0:1}"), (text + address).substr(0, KORVA_LOG_BUFFER_SIZE - 1));
+}
+
 TEST_F(VlanPathTest, NeedsAClosingBraceBehindTheSecondColon) {
     EXPECT_EQ(refused("/r{10.1.1.1:255.255.255.0:12"), "<VYRWRAP>: Error in Path, no '}' symbol");
 }

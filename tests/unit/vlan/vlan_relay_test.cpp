@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <atomic>
 #include <thread>
 
 #include "fakes/fakes.h"
@@ -160,13 +161,19 @@ TEST_F(VlanRelayTest, AReplayOf300VlansIs300DatagramsAllNumbered1) {
     for (int i = 1; i <= 300; i++)
         fake::strings["/op/vlans/route{10.0.1.1:255.255.255.0:" + std::to_string(i) + "}"] = "";
     Texts datagrams;
+    const auto take = [&] {
+        for (std::string &datagram : app_.receive())
+            datagrams.push_back(std::move(datagram));
+    };
+    std::atomic<bool> sent = false;
     std::thread reader([&] {
-        while (datagrams.size() < 300)
-            for (std::string &datagram : app_.receive())
-                datagrams.push_back(std::move(datagram));
+        while (!sent)
+            take();
     });
     vyrwrap_read_and_send_all_VlanIfaceInfo_from_dal();
+    sent = true;
     reader.join();
+    take();
     std::set<uint32_t> ids;
     for (const std::string &datagram : datagrams) {
         EXPECT_EQ(datagram.size(), 348U);

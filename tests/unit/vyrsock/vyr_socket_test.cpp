@@ -50,4 +50,15 @@ TEST_F(VyrSocketTest, ANewSocketIsCloseOnExecAndBlocking) {
     close(fd);
 }
 
+TEST_F(VyrSocketTest, Descriptor0IsWaitedForAsAnyOther) {
+    const fake::KeepDescriptorZero keep;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    ASSERT_EQ(dup2(ends[0], 0), 0);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    EXPECT_TRUE(vyr_wait_readable(0));
+    close(ends[0]);
+    close(ends[1]);
+}
+
 }  // namespace
