@@ -14,32 +14,37 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string_view>
 
 namespace {
 
 constexpr int kUncounted = 3;
 constexpr useconds_t kRestUs = 200;
-constexpr useconds_t kGlanceUs = 500; /**< many events are looked for at this distance: being woken by each disturbs */
-constexpr int kPatienceMs = 5000;
+constexpr int kBurst = 1000;
+constexpr int kShortBurst = 50;
+constexpr int kPatienceMs = 10000;
 
 constexpr char kUsage[] =
-    "usage: measure fill-routes ROUTES | fill-tunnels TUNNELS\n"
-    "       measure change SAMPLES ROUTES | burst ROUNDS ROUTES\n"
-    "       measure start ROUNDS DAEMON_FILE_SIZE FLOOR_FILE_SIZE DAEMON FLOOR\n"
-    "       measure replay SAMPLES TUNNELS | hset SAMPLES TUNNELS | export SAMPLES TYPE\n";
+    "usage: measure SUBJECT,... FIGURE\n"
+    "figures: fill-routes ROUTES | fill-tunnels TUNNELS\n"
+    "         change SAMPLES ROUTES | burst ROUNDS ROUTES | short-burst ROUNDS ROUTES\n"
+    "         start ROUNDS [PROGRAM FILE_SIZE]... | replay SAMPLES TUNNELS | hset SAMPLES TUNNELS | export SAMPLES "
+    "TYPE\n";
 
 /** One figure that takes two numbers; a fill takes the first alone. */
 struct Figure {
     std::string_view name;
     int arguments;
-    void (*run)(int first, int second);
+    void (*run)(Subjects &subjects, int first, int second);
 };
 constexpr Figure kFigures[] = {
-    {"fill-routes", 1, [](int routes, int) { fill_routes(routes); }},
-    {"fill-tunnels", 1, [](int tunnels, int) { fill_tunnels(tunnels); }},
+    {"fill-routes", 1, [](Subjects &subjects, int routes, int) { fill_routes(subjects, routes); }},
+    {"fill-tunnels", 1, [](Subjects &subjects, int tunnels, int) { fill_tunnels(subjects, tunnels); }},
     {"change", 2, measure_change},
-    {"burst", 2, measure_burst},
+    {"burst", 2, [](Subjects &subjects, int rounds, int routes) { measure_burst(subjects, rounds, routes, kBurst); }},
+    {"short-burst", 2,
+     [](Subjects &subjects, int rounds, int routes) { measure_burst(subjects, rounds, routes, kShortBurst); }},
     {"replay", 2, measure_replay},
     {"hset", 2, measure_hset},
     {"export", 2, measure_export},
@@ -51,7 +56,7 @@ int count_events(int watch_fd, uint32_t mask, std::string_view file) {
     const ssize_t size = read(watch_fd, buffer, sizeof buffer);
     int count = 0;
     for (ssize_t at = 0; at < size;) {
-        const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
+        const auto *event = static_cast<const inotify_event *>(static_cast<const void *>(buffer + at));  // aligned
         if ((event->mask & mask) && event->len && file == event->name)
             count++;
         at += static_cast<ssize_t>(sizeof *event + event->len);
@@ -61,10 +66,15 @@ int count_events(int watch_fd, uint32_t mask, std::string_view file) {
 
 }  // namespace
 
-Subjects connect_subjects() {
+Subjects connect_subjects(std::string_view names) {
     Subjects subjects;
-    for (size_t i = 0; i < subjects.size(); i++)
-        subjects[i] = {&kSubjects[i], connect_dal(kSubjects[i].dal)};
+    while (!names.empty()) {
+        const std::string_view name = names.substr(0, names.find(','));
+        for (const SubjectNames &known : kSubjects)
+            if (name == known.name)
+                subjects.push_back({&known, connect_dal(known.dal)});
+        names.remove_prefix(std::min(name.size() + 1, names.size()));
+    }
     return subjects;
 }
 
@@ -75,11 +85,14 @@ int64_t now_ns() {
 }
 
 void interleave(Subjects &subjects, int count, const std::function<int64_t(Subject &, int)> &sample) {
-    for (int i = 0; i < count + kUncounted; i++) {
+    const int uncounted = std::min(count, kUncounted);
+    for (int i = 0; i < count + uncounted; i++) {
         for (Subject &subject : subjects) {
+            if (i % subject.names->turns != 0)
+                continue;
             usleep(kRestUs);
             const int64_t taken = sample(subject, i);
-            if (i >= kUncounted)
+            if (i >= uncounted || subject.names->turns > 1)
                 printf("%s %lld\n", subject.names->name, static_cast<long long>(taken));
         }
     }
@@ -115,17 +128,15 @@ void forget_events(int watch_fd) {
         continue;
 }
 
-void await_events(int watch_fd, uint32_t mask, const char *file, int count) {
-    const bool many = count > 1;
-    while (count > 0) {
-        if (many)
-            usleep(kGlanceUs);
+int await_events(int watch_fd, uint32_t mask, const char *file) {
+    for (;;) {
         pollfd input = {watch_fd, POLLIN, 0};
         if (poll(&input, 1, kPatienceMs) == 0) {
             fprintf(stderr, "measure: %s: nothing came for %d ms\n", file, kPatienceMs);
             exit(1);
         }
-        count -= count_events(watch_fd, mask, file);
+        if (const int count = count_events(watch_fd, mask, file))
+            return count;
     }
 }
 
@@ -139,16 +150,20 @@ off_t size_of(const std::string &path) {
 }
 
 int main(int argc, char **argv) {
-    const std::string_view name = argc > 1 ? argv[1] : "";
+    const std::string_view name = argc > 3 ? argv[2] : "";
     for (const Figure &figure : kFigures) {
-        if (figure.name == name && argc == 2 + figure.arguments) {
-            figure.run(atoi(argv[2]), argc > 3 ? atoi(argv[3]) : 0);
+        if (figure.name == name && argc == 3 + figure.arguments) {
+            Subjects subjects = connect_subjects(argv[1]);
+            figure.run(subjects, atoi(argv[3]), argc > 4 ? atoi(argv[4]) : 0);
             return 0;
         }
     }
-    if (name == "start" && argc == 7) {
-        measure_start(atoi(argv[2]), {atol(argv[3]), atol(argv[4])}, {argv[5], argv[6]});
-        return 0;
+    if (name == "start") {
+        Subjects subjects = connect_subjects(argv[1]);
+        if (static_cast<size_t>(argc) == 4 + 2 * subjects.size()) {
+            measure_start(subjects, atoi(argv[3]), argv + 4);
+            return 0;
+        }
     }
     fputs(kUsage, stderr);
     return 2;

@@ -17,8 +17,7 @@ void check_size(const Subject &subject, uint32_t expected) {
 
 }  // namespace
 
-void measure_export(int samples, int type) {
-    Subjects subjects = connect_subjects();
+void measure_export(Subjects &subjects, int samples, int type) {
     const int watch_fd = watch(IN_CLOSE_WRITE);
     const auto data = static_cast<uint32_t>(type);
     interleave(subjects, samples, [&](Subject &subject, int) {
@@ -26,7 +25,7 @@ void measure_export(int samples, int type) {
         forget_events(watch_fd);
         const int64_t start = now_ns();
         put_on_wire(subject);
-        await_events(watch_fd, IN_CLOSE_WRITE, subject.names->export_file, 1);
+        await_events(watch_fd, IN_CLOSE_WRITE, subject.names->export_file);
         const int64_t taken = now_ns() - start;
         take_answers(subject, 1);
         check_size(subject, kExportAnswers.at(data).body_size);

@@ -54,8 +54,8 @@ void request_replay(int fd, const Subject &subject) {
 
 }  // namespace
 
-void fill_tunnels(int tunnels) {
-    for (const Subject &subject : connect_subjects()) {
+void fill_tunnels(Subjects &subjects, int tunnels) {
+    for (const Subject &subject : subjects) {
         queue(subject, "FLUSHDB");
         for (int tunnel = 0; tunnel < tunnels; tunnel++)
             queue(subject, set_tunnel(tunnel));
@@ -64,8 +64,7 @@ void fill_tunnels(int tunnels) {
     }
 }
 
-void measure_replay(int samples, int tunnels) {
-    Subjects subjects = connect_subjects();
+void measure_replay(Subjects &subjects, int samples, int tunnels) {
     const int fd = bind_application();
     interleave(subjects, samples, [&](Subject &subject, int) {
         const int64_t start = now_ns();
@@ -75,8 +74,7 @@ void measure_replay(int samples, int tunnels) {
     });
 }
 
-void measure_hset(int samples, int tunnels) {
-    Subjects subjects = connect_subjects();
+void measure_hset(Subjects &subjects, int samples, int tunnels) {
     const int fd = bind_application();
     for (const Subject &subject : subjects) {  // the daemon follows tunnels from the first replay on
         request_replay(fd, subject);

@@ -1,7 +1,8 @@
 /*
- * The two that are measured side by side: the daemon, and the floor program that does the least that the same result
- * can be had for. Each has a Redis of its own and names of its own, so that neither hears what is meant for the other
- * and both can stand ready at the same time.
+ * What is measured side by side: the daemon, the floor program that does the least that the same result can be had for,
+ * and what a user would otherwise write, in Python and as a shell loop. Each has a Redis of its own and names of its
+ * own, so that none hears what is meant for another and all can stand ready at the same time. The scripts repeat
+ * theirs.
  */
 #pragma once
 
@@ -15,12 +16,15 @@ struct SubjectNames {
     const char *static_file; /**< in kWatchedFolder */
     const char *own_socket;  /**< where it takes replay requests */
     const char *export_file; /**< in kWatchedFolder */
+    int turns;               /**< sampled in every so many turns of the others; what is slow takes fewer samples */
 };
 
 /** Names of one kind are equally long: what a path costs is the same on both sides. */
-inline constexpr std::array<SubjectNames, 2> kSubjects = {{
-    {"daemon", "/run/daemon.sock", "vyr_static.conf", "/tmp/.sock/RoutingProtocols_VYRWRAP.sock", ".vyrwrap_mrt"},
-    {"floor", "/run/floors.sock", "flr_static.conf", "/tmp/.sock/RoutingProtocols_FLOORPR.sock", ".floorpr_mrt"},
+inline constexpr std::array<SubjectNames, 4> kSubjects = {{
+    {"daemon", "/run/daemon.sock", "vyr_static.conf", "/tmp/.sock/RoutingProtocols_VYRWRAP.sock", ".vyrwrap_mrt", 1},
+    {"floor", "/run/floors.sock", "flr_static.conf", "/tmp/.sock/RoutingProtocols_FLOORPR.sock", ".floorpr_mrt", 1},
+    {"python", "/run/python.sock", "pyt_static.conf", "/tmp/.sock/RoutingProtocols_PYTHONP.sock", ".pythonp_mrt", 1},
+    {"shell", "/run/shells.sock", "shl_static.conf", nullptr, nullptr, 5},
 }};
 inline constexpr const SubjectNames &kFloor = kSubjects[1];
 

@@ -1,12 +1,18 @@
-# Flags of the project's own C++ code: warnings are errors, no exceptions, no RTTI.
+# Flags of the project's own C++ code: warnings are errors (but where cmake is called with
+# --compile-no-warning-as-error), no exceptions, no RTTI.
+set(CMAKE_COMPILE_WARNING_AS_ERROR ON)
+
 add_library(project_flags INTERFACE)
 target_compile_options(project_flags INTERFACE
-    -Wall -Wextra -Wpedantic -Werror -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wcast-qual -Wformat=2
+    -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wcast-qual -Wformat=2
     -Wundef -Wmissing-declarations -Wnull-dereference -Wdouble-promotion -Wimplicit-fallthrough -Wvla)
 
 add_library(daemon_flags INTERFACE)
 target_link_libraries(daemon_flags INTERFACE project_flags)
-target_compile_options(daemon_flags INTERFACE -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections)
+target_compile_options(daemon_flags INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
+    -ffunction-sections -fdata-sections)
 
 # The release is built for size, except for the sources of `target`, in this folder, that render a whole file at each
 # change: for size the compiler copies short texts and divides by slow instructions, which doubles the time of a change.

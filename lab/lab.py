@@ -73,6 +73,17 @@ def _running_bird(vyr):
         return None
 
 
+def wait_for_redis(client):
+    """Waits until the server answers, which the client need not have reached before."""
+    def answers():
+        try:
+            return client.ping()
+        except redis.RedisError:
+            return False
+
+    wait_for(answers, "Redis answers")
+
+
 class AccessPoint(ApplicationKeys):
     """One at a time in a sandbox. As a context manager it is set up and started, and ended with all that it made."""
 
@@ -138,13 +149,7 @@ class AccessPoint(ApplicationKeys):
         arguments = ["redis-server", "--port", "0", "--unixsocket", str(REDIS_SOCKET), "--save", "", "--appendonly",
                      "no", "--dir", str(REDIS_SOCKET.parent), *options]
         self.redis_server = Process("redis-server", arguments, "/tmp/redis.err")
-        wait_for(self._redis_answers, "Redis answers")
-
-    def _redis_answers(self):
-        try:
-            return self.redis.ping()
-        except redis.RedisError:
-            return False
+        wait_for_redis(self.redis)
 
     def stop_redis(self):
         """All keys are gone with it."""
@@ -174,12 +179,16 @@ class AccessPoint(ApplicationKeys):
 
     # The daemon and its child
 
+    @staticmethod
+    def environment(**more):
+        """What vyrwrap is started with."""
+        return {**os.environ, "PATH": f"/korva/bin:{os.environ['PATH']}:/usr/sbin:/sbin",
+                "DAL_URL": f"unix://{REDIS_SOCKET}", "KORVA_LOG": f"file:{LOG}", "KORVA_MAC": MAC,
+                "KORVA_SERIAL": SERIAL, **more}
+
     def start_daemon(self, **environment):
         """Starts vyrwrap; arguments are added to its environment."""
-        environment = {**os.environ, "PATH": f"/korva/bin:{os.environ['PATH']}:/usr/sbin:/sbin",
-                       "DAL_URL": f"unix://{REDIS_SOCKET}", "KORVA_LOG": f"file:{LOG}", "KORVA_MAC": MAC,
-                       "KORVA_SERIAL": SERIAL, **environment}
-        self.daemon = Process("vyrwrap", ["/korva/bin/vyrwrap"], "/tmp/vyrwrap.err", environment)
+        self.daemon = Process("vyrwrap", ["/korva/bin/vyrwrap"], "/tmp/vyrwrap.err", self.environment(**environment))
 
     @property
     def errors(self):

@@ -11,13 +11,14 @@ from wait import wait_for
 class Process:
     """A program that was started. What it prints goes to a file."""
 
-    def __init__(self, name, arguments, stderr, environment=None, commands=False):
-        """With `commands` its standard input is a pipe that `write` fills."""
+    def __init__(self, name, arguments, stderr, environment=None, commands=False, descriptors=()):
+        """With `commands` its standard input is a pipe that `write` fills. It inherits the descriptors named."""
         self.name = name
         self.stderr = Path(stderr)
         with self.stderr.open("ab") as errors:
             self._popen = subprocess.Popen(arguments, stdin=subprocess.PIPE if commands else subprocess.DEVNULL,
-                                           stdout=errors, stderr=errors, env=environment, start_new_session=True)
+                                           stdout=errors, stderr=errors, env=environment, start_new_session=True,
+                                           pass_fds=descriptors)
 
     @property
     def pid(self):

@@ -32,6 +32,10 @@ std::vector<RouteKey> parse_chosen_routes(const std::string &reply);
 /** Reads "bird: PATH:LINE:COLUMN TEXT". */
 Complaint parse_complaint(const std::string &output, const std::string &path);
 
+/** Waits until nobody answers on the control socket, which BIRD would refuse to start beside. Says so where it waits.
+ */
+void await_end_of_other_bird(const std::string &control_socket, std::chrono::milliseconds limit);
+
 /** Starts BIRD in the foreground. It dies with this process. Returns its process id, or -1 with errno set. */
 pid_t start_bird(const std::string &config, const std::string &control_socket);
 

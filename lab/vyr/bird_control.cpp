@@ -1,11 +1,13 @@
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "lab/vyr/bird.h"
@@ -16,13 +18,22 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int connect_to(const std::string &path) {
+int ms_left(Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::max<decltype(left)>(left, 0));
+}
+
+/** A peer that hangs may let connections wait. */
+int connect_to(const std::string &path, Clock::time_point deadline) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path)
         return -1;
     memcpy(address.sun_path, path.data(), path.size());
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int left = std::max(ms_left(deadline), 1);  // none at all would stand for no limit
+    const timeval patience = {left / 1000, suseconds_t{left % 1000} * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0) {
         close(fd);
         return -1;
@@ -49,9 +60,9 @@ std::optional<std::string> read_reply(int fd, Clock::time_point deadline) {
             line_begin = line_end + 1;
             continue;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        const int left = ms_left(deadline);
         pollfd input{fd, POLLIN, 0};
-        if (left <= 0 || (poll(&input, 1, static_cast<int>(left)) < 0 && errno != EINTR))
+        if (left == 0 || (poll(&input, 1, left) < 0 && errno != EINTR))
             return std::nullopt;
         char buffer[4096];
         const ssize_t count = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
@@ -64,10 +75,24 @@ std::optional<std::string> read_reply(int fd, Clock::time_point deadline) {
 
 }  // namespace
 
+void await_end_of_other_bird(const std::string &control_socket, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    bool told = false;
+    int fd = -1;
+    while (ms_left(deadline) > 0 && (fd = connect_to(control_socket, deadline)) >= 0) {
+        if (!told)
+            fprintf(stderr, "vyr: another BIRD answers on %s: waiting for its end\n", control_socket.c_str());
+        told = true;
+        pollfd end{fd, 0, 0};  // a connection whose other end has gone is reported without being asked for
+        poll(&end, 1, ms_left(deadline));
+        close(fd);
+    }
+}
+
 std::optional<std::string> ask_bird(const std::string &control_socket, const std::string &command,
                                     std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    const int fd = connect_to(control_socket);
+    const int fd = connect_to(control_socket, deadline);
     if (fd < 0)
         return std::nullopt;
     std::optional<std::string> reply = read_reply(fd, deadline);  // the greeting

@@ -30,7 +30,8 @@ namespace {
 constexpr int kNoVlanAddress = 100;
 constexpr int kUsage = 2;
 constexpr std::chrono::seconds kAnswerLimit{10};
-constexpr std::chrono::seconds kExportLimit{8};  // the daemon waits for 10
+constexpr std::chrono::seconds kExportLimit{8};     // the daemon waits for 10
+constexpr std::chrono::seconds kOtherBirdLimit{5};  // one that was killed with the daemon before this one ends at once
 constexpr int kLimitCheckMs = 1000;
 constexpr const char *kDataSocket = "/tmp/bird_data_exp.ctl";
 
@@ -52,6 +53,12 @@ std::vector<vyr::RouteKey> without(const std::vector<vyr::RouteKey> &keys, const
     std::vector<vyr::RouteKey> rest;
     std::set_difference(keys.begin(), keys.end(), others.begin(), others.end(), std::back_inserter(rest));
     return rest;
+}
+
+std::vector<vyr::RouteKey> together(const std::vector<vyr::RouteKey> &keys, const std::vector<vyr::RouteKey> &others) {
+    std::vector<vyr::RouteKey> all;
+    std::set_union(keys.begin(), keys.end(), others.begin(), others.end(), std::back_inserter(all));
+    return all;
 }
 
 /** From here on no signal ends this process by surprise: they wait to be read. */
@@ -93,16 +100,17 @@ void await_bird(Front &front) {
 }
 
 /** For BIRD a route with another metric replaces the former one, for the kernel it is one more: the former one, of
- * which BIRD knows nothing any more, would go on winning. */
-void remove_replaced_routes(const Front &front, const std::vector<vyr::RouteKey> &routes) {
+ * which BIRD knows nothing any more, would go on winning. Those that stay because BIRD refused its file are remembered
+ * for the next time. */
+void remove_replaced_routes(Front &front, const std::vector<vyr::RouteKey> &routes) {
     // BIRD takes the signal before the next command, so it answers with what holds after the reload
     const auto reply = vyr::ask_bird(front.control_socket, "show route primary all", kAnswerLimit);
-    if (!reply)
-        return;
-    std::vector<vyr::RouteKey> known;
-    std::set_union(front.routes.begin(), front.routes.end(), routes.begin(), routes.end(), std::back_inserter(known));
-    if (const unsigned removed = vyr::remove_kernel_routes(without(known, vyr::parse_chosen_routes(*reply))))
+    const std::vector<vyr::RouteKey> known = together(front.routes, routes);
+    const std::vector<vyr::RouteKey> replaced =
+        reply ? without(known, vyr::parse_chosen_routes(*reply)) : std::vector<vyr::RouteKey>{};
+    if (const unsigned removed = vyr::remove_kernel_routes(replaced))
         fprintf(stderr, "vyr: removed %u routes with a former metric from the kernel\n", removed);
+    front.routes = together(without(known, replaced), routes);
 }
 
 /** What an earlier BIRD left in the kernel, but for what this one will put there again as it is. */
@@ -119,15 +127,22 @@ void remove_left_behind(const std::vector<vyr::RouteKey> &routes) {
     vyr::remove_kernel_routes(stale);
 }
 
+bool has_vlan_address() {
+    const char *prefix = getenv("VYR_VLAN_PREFIX");
+    return vyr::has_address(prefix ? prefix : "br");
+}
+
 void reload(Front &front) {
+    if (!has_vlan_address()) {
+        fprintf(stderr, "vyr: no VLAN address any more\n");
+        _exit(kNoVlanAddress);  // takes BIRD with it
+    }
     const auto translation = vyr::prepare_config(front.config, front.stock);
     if (!translation)
         return;
     await_bird(front);
     kill(front.bird, SIGHUP);
-    auto routes = vyr::route_keys(*translation);
-    remove_replaced_routes(front, routes);
-    front.routes = std::move(routes);
+    remove_replaced_routes(front, vyr::route_keys(*translation));
     front.max_prefixes = translation->max_prefixes;
 }
 
@@ -167,11 +182,11 @@ void handle_signal(Front &front, uint32_t number) {
 }
 
 int start(Front &front) {
-    const char *prefix = getenv("VYR_VLAN_PREFIX");
-    if (!vyr::has_address(prefix ? prefix : "br")) {
+    if (!has_vlan_address()) {
         fprintf(stderr, "vyr: no VLAN address yet\n");
         return kNoVlanAddress;
     }
+    vyr::await_end_of_other_bird(front.control_socket, kOtherBirdLimit);
     const auto translation = vyr::prepare_config(front.config, front.stock);
     if (!translation)
         return EXIT_FAILURE;

@@ -74,10 +74,9 @@ class RouteModel:
         return b"protocol static {\n  ipv4;\n" + b"".join(map(route_text, filter(lambda e: e.in_use, self._table))) + b"}\n"
 
     def _apply(self, key, value, change):
-        cut = key[:KEY_LENGTH]
-        route = parse(cut)
-        if route and b"\0" not in key:
-            self._change(route, number(value[:METRIC_LENGTH]) if cut == key else 0, change)
+        route = parse(key)
+        if route and len(key) <= KEY_LENGTH and b"\0" not in key:
+            self._change(route, number(value[:METRIC_LENGTH]), change)
 
     @staticmethod
     def _change(route, metric, change):

@@ -95,14 +95,15 @@ class Writer(threading.Thread):
         super().__init__()
         self._wanted = wanted
         self._done = threading.Event()
+        self._client = named_client()
+        self._client.ping()  # has its name from here on, by which it is spared
         self.metric = 0
 
     def run(self):
-        client = named_client()
         while not self._done.is_set():
             self.metric = self.metric % 9000 + 1
             for prefix in self._wanted:
-                client.set(route_key(prefix, "192.168.10.2"), self.metric)
+                self._client.set(route_key(prefix, "192.168.10.2"), self.metric)
                 self._done.wait(0.001)
 
     def end(self):

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from lab import LOG, route_key, wait_for
+from lab import LOG, Process, route_key, wait_for
 from network import ip
 from process import wait_until_gone
 
@@ -37,10 +37,10 @@ def test_twenty_starts_with_a_full_table(surroundings):
         wait_for(lambda: len(surroundings.routes()) == FULL_TABLE, lambda: f"272 routes, not {len(surroundings.routes())}")
         assert surroundings.vyr() == vyr
         assert surroundings.daemon.stop() == 0
-        wait_until_gone(bird)  # another one refuses to start beside it
         assert not [line for line in surroundings.errors.lines(errors) if "error" in line or ", 0 left out" not in line
                     and "static routes taken" in line]
         assert len(surroundings.log.lines(log)) < 30
+        wait_until_gone(bird)
         ip("route", "flush", "proto", "bird")
 
 
@@ -157,3 +157,22 @@ def test_no_descriptor_is_left_to_a_closed_standard_stream(surroundings):
         assert os.readlink(f"/proc/{surroundings.daemon.pid}/fd/{number}") == "/dev/null"
     surroundings.set_route("0.0.0.0/0", "192.168.10.254")
     surroundings.wait_route("0.0.0.0/0", ["192.168.10.254"], 1)
+
+
+def test_a_second_instance_ends_before_it_touches_the_files_of_the_first(access_point):
+    access_point.set_route("10.1.0.0/16", "192.168.10.2")
+    access_point.wait_static_file("10.1.0.0/16")
+    files = {path: (path.stat().st_ino, path.stat().st_mtime_ns) for path in Path("/tmp").glob("*vyr*.conf")}
+    sockets = {path: path.stat().st_ino for path in (Path("/tmp/bird_event_exp.ctl"), Path("/tmp/.sock"))}
+    assert len(files) == 5
+    log = access_point.log.mark()
+    second = Process("vyrwrap", ["/korva/bin/vyrwrap"], "/tmp/vyrwrap.err", access_point.environment())
+    assert second.wait() == 69
+    assert access_point.log.lines(log) == [
+        f"3 416 0 <PROCESS>: another vyrwrap runs on this machine (process {access_point.daemon.pid} has locked "
+        "/tmp/.vyrwrap.lock): this one ends"]
+    assert {path: (path.stat().st_ino, path.stat().st_mtime_ns) for path in files} == files
+    assert {path: path.stat().st_ino for path in sockets} == sockets
+    access_point.daemon.kill()
+    access_point.start_daemon()
+    access_point.wait_ready()

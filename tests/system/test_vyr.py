@@ -2,6 +2,7 @@
 
 import os
 import signal
+import socket
 import time
 from pathlib import Path
 
@@ -157,6 +158,16 @@ def test_exits_100_without_a_vlan_address(lab, start):
     assert start().wait() == 100
 
 
+def test_exits_100_when_a_reload_finds_no_vlan_address_any_more(lab, start):
+    vyr = start()
+    lab.wait_route("10.1.0.0/16", ["192.168.10.2"], 5)
+    bird = vyr.child("bird")
+    remove_bridge("br0")
+    reload(vyr)
+    assert vyr.wait() == 100
+    wait_until_gone(bird)
+
+
 @pytest.mark.parametrize("damage", ["missing", "include", "cut", "empty"])
 def test_exits_as_bird_does_when_the_configuration_cannot_be_used(start, damage):
     config, static = Path("/tmp/vyr.conf"), Path("/tmp/vyr_static.conf")
@@ -200,3 +211,40 @@ def test_the_client_reaches_bird(lab, start):
     lab.vyrc("debug", "all", "all")
     lab.vyrc("debug", "all", "off")
     assert "10.1.0.0/16" in lab.vyrc("show", "route")
+
+
+def listen_as_another_bird():
+    other = socket.socket(socket.AF_UNIX)
+    other.bind("/tmp/vyr.ctl")
+    other.listen()
+    return other
+
+
+def test_waits_for_the_end_of_another_bird(lab, start):
+    write_static(route("10.1.0.0/16", "192.168.10.2"))
+    other = listen_as_another_bird()
+    vyr = start()
+    wait_for(lambda: said("vyr: another BIRD answers on /tmp/vyr.ctl: waiting for its end\n"), "vyr waits")
+    assert vyr.running and "10.1.0.0/16" not in lab.routes()
+    other.close()
+    lab.wait_route("10.1.0.0/16", ["192.168.10.2"], 1)
+
+
+def test_does_not_wait_for_another_bird_for_ever(start):
+    other = listen_as_another_bird()
+    vyr = start()
+    assert vyr.wait(15) == 1
+    assert said("vyr: another BIRD answers on /tmp/vyr.ctl: waiting for its end\n")
+    assert said("I found another BIRD running.")
+    other.close()
+
+
+def test_a_restart_in_the_same_instant_waits_for_the_dying_bird(access_point):
+    access_point.set_route("0.0.0.0/0", "192.168.10.254")
+    for _ in range(5):
+        access_point.bird()
+        access_point.daemon.kill()
+        access_point.start_daemon()
+        access_point.wait_ready()
+    access_point.bird()
+    access_point.wait_route("0.0.0.0/0", ["192.168.10.254"], 1)
