@@ -1,13 +1,13 @@
 #include "linux/process.h"
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "linux/memory.h"
 #include "linux/notices.h"
 
 namespace {
@@ -22,18 +22,6 @@ int open_stdio() {
         return -1;
     close(fd);
     return 0;
-}
-
-/**
- * An export takes two blocks of up to 1 MiB. Given back to the system after each one, they come page by page the next
- * time, which takes longer than the export itself.
- */
-void keep_freed_memory() {
-#ifdef __GLIBC__  // others have no such thresholds
-    constexpr int kMostKept = 4 * 1024 * 1024;
-    mallopt(M_MMAP_THRESHOLD, kMostKept);
-    mallopt(M_TRIM_THRESHOLD, kMostKept);
-#endif
 }
 
 /**

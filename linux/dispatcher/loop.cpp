@@ -11,6 +11,7 @@
 #include <initializer_list>
 
 #include "core/descriptor.h"
+#include "linux/memory.h"
 #include "linux/notices.h"
 #include "linux/platform_log.h"
 
@@ -26,7 +27,7 @@ sigset_t child_signals() {
     return set;
 }
 
-/** Those that end the loop, and the one that asks what it watches. */
+/** Those that end the loop, and the one that asks what it watches and uses. */
 sigset_t request_signals() {
     sigset_t set;
     sigemptyset(&set);
@@ -53,7 +54,8 @@ void on_request_signal(evutil_socket_t fd, short, void *arg) {
         return;
     if (signal_info.ssi_signo == SIGUSR1) {
         // at a level that passes by default: somebody asked
-        platform_warning("<DISPATCHER>: %u timers and %u inputs", count_timers(loop), count_inputs(loop));
+        platform_warning("<DISPATCHER>: %u timers and %u inputs, %zu KiB of memory in use", count_timers(loop),
+                         count_inputs(loop), memory_in_use_kib());
         return;
     }
     platform_info("<DISPATCHER>: signal %u from process %u ends the loop", signal_info.ssi_signo, signal_info.ssi_pid);

@@ -16,11 +16,11 @@ import time
 from pathlib import Path
 
 import redis
-from soak_changes import STRAY_NAMES, Changes
+from soak_changes import STRAY_NAMES, Changes, refill
 from soak_checks import check_event, check_export, overflow
 from soak_faults import Faults, wait_nothing_expires
 from soak_watch import open_files, wait_usual
-from store_model import wait_equal
+from store_model import read_store, wait_equal
 
 from lab import LEVEL_KEY, REDIS_SOCKET, AccessPoint
 from process import child_of
@@ -32,6 +32,7 @@ WARM_UP = 600
 OVERFLOW_EVERY = 10  # checks
 SETTLE_SECONDS = 150  # audits once a minute, 10 s until a second one agrees, attempts up to 10 s apart, a reload
 ROOM_KIB = 1024  # of private memory: the C library keeps what was freed, an export's buffer of 1 MiB among it
+ROOM_IN_USE_KIB = 64  # while the store is empty: each of four connections keeps up to 16 KiB for answers
 TMP_SIZE = "64m"
 LOG = Path("/run/lab/soak.log")  # not where /tmp is full
 _TRIMMED = (LOG, Path("/tmp/rpapp.out"), Path("/tmp/vyrwrap.err"))
@@ -55,7 +56,7 @@ class Soak:
         self._turns = []
         self._kind_count = len(options.only or self._faults.survived())
         self._fault_count = self._check_count = self._difference_count = 0
-        self._began = self._usual = self._usual_files = None
+        self._began = self._usual = self._usual_files = self._usual_in_use = None
         self._last_faults = []
         self._dying = False  # the daemon is about to end, and may
 
@@ -98,6 +99,7 @@ class Soak:
     def _take_figures(self, usage):
         """From here on it is one and the same daemon."""
         self._usual, self._usual_files = usage, open_files(self._access_point)
+        self._usual_in_use = self._in_use_when_empty()
         self._turns = [turn for turn in self._turns if turn[0] != DEADLY]
         print(f"These are the figures to come back to: {usage}", flush=True)
 
@@ -168,6 +170,20 @@ class Soak:
         self._trim()
         return usage
 
+    def _in_use_when_empty(self):
+        """With nothing in the store, what is in use does not depend on what the dice have put there."""
+        store = read_store(self._server)
+        self._server.flushall()
+        self._settle_or_fail()
+        in_use = wait_usual(self._access_point, None).in_use_kib
+        refill(self._server, store)
+        self._settle_or_fail()
+        return in_use
+
+    def _settle_or_fail(self):
+        if found := self._settle("store emptied and filled: "):
+            raise Failure("; ".join(found))
+
     def _settle(self, what):
         found = wait_equal(self._access_point, SETTLE_SECONDS, kept_tunnels=STRAY_NAMES)
         return [f"{what}{line}" for line in found]
@@ -187,7 +203,9 @@ class Soak:
                 os.truncate(path, 0)
 
     def _is_as_before(self, usage):
-        print(f"first: {self._usual}\nlast:  {usage}", flush=True)
+        in_use = self._in_use_when_empty()
+        print(f"first: {self._usual}, with an empty store {self._usual_in_use} KiB in use\n"
+              f"last:  {usage}, with an empty store {in_use} KiB in use", flush=True)
         if usage.counts != self._usual.counts:
             print("FAILED: descriptors, timers, inputs, children or zombies are not what they were", flush=True)
             print(*self._usual_files, "now:", *open_files(self._access_point), sep="\n  ", flush=True)
@@ -195,6 +213,9 @@ class Soak:
         sanitized = "libasan" in Path(f"/proc/{self._access_point.daemon.pid}/maps").read_text()
         if not sanitized and usage.private_kib > self._usual.private_kib + ROOM_KIB:
             print(f"FAILED: more than {ROOM_KIB} KiB of memory above the first figure", flush=True)
+            return False
+        if in_use > self._usual_in_use + ROOM_IN_USE_KIB:
+            print(f"FAILED: more than {ROOM_IN_USE_KIB} KiB more in use than at first", flush=True)
             return False
         return True
 

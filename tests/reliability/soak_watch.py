@@ -10,13 +10,14 @@ from pathlib import Path
 from process import resident_kib
 from wait import wait_for
 
-_COUNTS = re.compile(r"<DISPATCHER>: (\d+) timers and (\d+) inputs")
+_ANSWER = re.compile(r"<DISPATCHER>: (\d+) timers and (\d+) inputs, (\d+) KiB of memory in use")
 
 
 @dataclass
 class Usage:
     resident_kib: int
     private_kib: int
+    in_use_kib: int
     descriptors: int
     timers: int
     inputs: int
@@ -29,17 +30,18 @@ class Usage:
         return self.descriptors, self.timers, self.inputs, self.children, self.zombies
 
     def __str__(self):
-        return (f"RSS {self.resident_kib} KiB, private {self.private_kib} KiB, {self.descriptors} descriptors, "
-                f"{self.timers} timers, {self.inputs} inputs, {self.children} children, {self.zombies} zombies")
+        return (f"RSS {self.resident_kib} KiB, private {self.private_kib} KiB, in use {self.in_use_kib} KiB, "
+                f"{self.descriptors} descriptors, {self.timers} timers, {self.inputs} inputs, {self.children} children, {self.zombies} zombies")
 
 
 def usage(access_point):
-    """Asks the daemon itself for its timers: its own log level has to be warning or more."""
+    """Asks the daemon itself for what only it knows: its own log level has to be warning or more."""
     pid = access_point.daemon.pid
-    timers, inputs = _loop_counts(access_point, pid)
+    timers, inputs, in_use = _answer(access_point, pid)
     found = _children(pid)
     zombies = sum(map(_is_zombie, found))
-    return Usage(resident_kib(pid), _private_kib(pid), _descriptors(pid), timers, inputs, len(found) - zombies, zombies)
+    return Usage(resident_kib(pid), _private_kib(pid), in_use, _descriptors(pid), timers, inputs,
+                 len(found) - zombies, zombies)
 
 
 def wait_usual(access_point, usual, seconds=30):
@@ -67,15 +69,14 @@ def open_files(access_point):
     return lines + [" ".join(line.split()) for line in sockets if f"pid={pid}," in line]
 
 
-def _loop_counts(access_point, pid):
+def _answer(access_point, pid):
     mark = access_point.log.mark()
 
     def answered():  # asked again and again: its level may still hide the answer
         os.kill(pid, signal.SIGUSR1)
-        return _COUNTS.search("\n".join(access_point.log.lines(mark)))
+        return _ANSWER.search("\n".join(access_point.log.lines(mark)))
 
-    found = wait_for(answered, "the daemon tells its timers", 90, every=0.1)
-    return int(found[1]), int(found[2])
+    return map(int, wait_for(answered, "the daemon tells its timers", 90, every=0.1).groups())
 
 
 def _descriptors(pid):
