@@ -112,6 +112,7 @@ def redis_lost(story, ap):
 def routing_daemon_killed(story, ap):
     story.chapter("The routing daemon dies")
     bird, daemon = ap.bird(), ap.daemon.pid
+    ap.wait_only_vyr()
     os.kill(ap.vyr(), signal.SIGABRT)
     story.note("SIGABRT to vyr")
     story.step("BIRD went with it", lambda: wait_for(lambda: not Path(f"/proc/{bird}").exists(), "BIRD has ended"))

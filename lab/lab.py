@@ -20,7 +20,7 @@ from application import OUTPUT, Application
 from application_keys import ApplicationKeys
 from logfile import LogFile
 from network import add_bridge, kernel_routes, raise_queue_length, remove_bridge
-from process import Process, child_of, is_running
+from process import Process, child_of, children_of, is_running
 from subscriber import Subscriber
 from wait import wait_for
 
@@ -44,6 +44,8 @@ LEVEL_KEY = "/op/syslog/facility/network/level"
 VYR_LEVEL_KEY = "/op/vyr/logging/vyr_log_level"
 EXPORT_CHANNEL = "/ipc/event/vyrwrap/mrt"
 LIMIT_CHANNEL = "/event/ap/route_limit"
+
+STATUS_VYR_ENDED = 5  # the daemon's own, when no signal killed the routing daemon
 
 # The daemon launches the routing daemon on its second timer run, and reloads it on the second one after a change; the
 # timer runs every 5 s. Some room is left for a busy machine.
@@ -203,6 +205,12 @@ class AccessPoint(ApplicationKeys):
     def vyr(self, seconds=LAUNCH_SECONDS):
         """The process id of the routing daemon, once it runs."""
         return self.daemon.child("vyr", seconds)
+
+    def wait_only_vyr(self, seconds=20):
+        """Until no command of a reload is left beside the routing daemon: one that ends behind it has the daemon forget the
+        signal that killed it."""
+        wait_for(lambda: children_of(self.daemon.pid) == [self.vyr()],
+                 lambda: f"vyr is the only child, of {children_of(self.daemon.pid)}", seconds)
 
     def bird(self, seconds=LAUNCH_SECONDS):
         """The process id of BIRD under the routing daemon, once it runs."""

@@ -78,6 +78,11 @@ def child_of(parent, name):
     return None
 
 
+def children_of(pid):
+    """The process ids of that process's children, those that have ended and were not reaped included."""
+    return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+
+
 def is_running(pid):
     found = _stat(pid)
     return found is not None and found[1] not in "ZX"

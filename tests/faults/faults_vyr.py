@@ -9,13 +9,12 @@ import idle_vyr
 from fault import Fault
 from strike import state
 
-from lab import BINARIES
+from lab import BINARIES, STATUS_VYR_ENDED
 from wait import wait_for
 from world import DEFAULT_ROUTE
 
 PROGRAM = Path("/korva/bin/vyr")
 ORDER = Path(idle_vyr.ORDER)
-STATUS_VYR_ENDED = 5
 
 # What a process ignores if it does nothing about it, and what only stops it, which is the row of a hanging one.
 HARMLESS = {signal.SIGCHLD, signal.SIGCONT, signal.SIGURG, signal.SIGWINCH}

@@ -7,7 +7,7 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
-from process import resident_kib
+from process import children_of, resident_kib
 from wait import wait_for
 
 _ANSWER = re.compile(r"<DISPATCHER>: (\d+) timers and (\d+) inputs, (\d+) KiB of memory in use")
@@ -38,7 +38,7 @@ def usage(access_point):
     """Asks the daemon itself for what only it knows: its own log level has to be warning or more."""
     pid = access_point.daemon.pid
     timers, inputs, in_use = _answer(access_point, pid)
-    found = _children(pid)
+    found = children_of(pid)
     zombies = sum(map(_is_zombie, found))
     return Usage(resident_kib(pid), _private_kib(pid), in_use, _descriptors(pid), timers, inputs,
                  len(found) - zombies, zombies)
@@ -83,10 +83,6 @@ def _descriptors(pid):
     """Those above the standard ones: the first failed connection to the routing daemon closes descriptor 0 as well, as it
     has to."""
     return sum(int(number) > 2 for number in os.listdir(f"/proc/{pid}/fd"))
-
-
-def _children(pid):
-    return Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
 
 
 def _is_zombie(pid):

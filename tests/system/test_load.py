@@ -1,11 +1,10 @@
 """Many changes: nothing is left behind in processes, descriptors and memory."""
 
-from pathlib import Path
 
 import pytest
 
 from lab import AccessPoint, route_key, wait_for
-from process import descriptors, is_running, resident_kib
+from process import children_of, descriptors, is_running, resident_kib
 
 DEFAULT_ROUTE = route_key("0.0.0.0/0", "192.168.10.254")
 NOTIFICATIONS_A_TURN = 64  # of the loop, with ended children waiting until it is over
@@ -23,16 +22,6 @@ def fixture_ap():
         assert ap.daemon.stop() == 0
 
 
-def children(pid):
-    """Those included that have ended and are still to be reaped."""
-    return Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
-
-
-def wait_only_vyr(ap):
-    wait_for(lambda: children(ap.daemon.pid) == [str(ap.vyr())],
-             lambda: f"vyr is the only child, of {children(ap.daemon.pid)}", 20)
-
-
 def wait_metric(ap, metric):
     ap.wait_static_file(f"  route 0.0.0.0/0 metric {metric} via 192.168.10.254 ", seconds=60)
 
@@ -41,13 +30,13 @@ def test_hundreds_of_default_routes_leave_few_processes_and_no_zombie(ap):
     most = most_running = 0
     for metric in range(1, 601):
         ap.redis.set(DEFAULT_ROUTE, metric)
-        found = children(ap.daemon.pid)
+        found = children_of(ap.daemon.pid)
         most = max(most, len(found))
         most_running = max(most_running, sum(map(is_running, found)))
     wait_metric(ap, 600)
     assert most_running <= 2  # vyr and one command
     assert most <= NOTIFICATIONS_A_TURN + 2
-    wait_only_vyr(ap)
+    ap.wait_only_vyr()
 
 
 def change_routes(ap, count, base):
@@ -66,7 +55,7 @@ def change_routes(ap, count, base):
 
 def test_ten_thousand_changes_leave_as_much_as_a_thousand_did(ap):
     change_routes(ap, 1000, 1)
-    wait_only_vyr(ap)
+    ap.wait_only_vyr()
     before = descriptors(ap.daemon.pid), resident_kib(ap.daemon.pid)
     for base in range(1001, 10001, 1000):
         change_routes(ap, 1000, base)

@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 
 from lab import child_of, is_running, route_key, wait_for
-from process import wait_until_gone
+from process import children_of, wait_until_gone
 
 LAUNCHES = Path("/tmp/vyr.launches")
 
@@ -58,7 +58,7 @@ def test_a_signal_that_kills_the_routing_daemon_is_the_exit_status(ap, number):
     ap.start_daemon()
     wait_for(launches, "vyr has been launched")
     ap.wait_ready()
-    wait_for(lambda: not has_children(ap.daemon.pid), "vyr has been reaped")
+    wait_for(lambda: not children_of(ap.daemon.pid), "vyr has been reaped")
     assert end_of_daemon(ap) == number
     assert child_pid_record(ap.daemon.pid) == "0 vyrwrap\n"
     assert launches() == 1
@@ -70,14 +70,10 @@ def test_an_exit_of_the_routing_daemon_ends_the_daemon_with_5(ap, status):
     ap.start_daemon()
     wait_for(launches, "vyr has been launched")
     ap.wait_ready()
-    wait_for(lambda: not has_children(ap.daemon.pid), "vyr has been reaped")
+    wait_for(lambda: not children_of(ap.daemon.pid), "vyr has been reaped")
     assert end_of_daemon(ap) == 5
     assert child_pid_record(ap.daemon.pid) == "0 vyrwrap\n"
     assert launches() == 1
-
-
-def has_children(pid):
-    return Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
 
 
 def test_the_timer_finds_the_end_by_itself(ap):
@@ -100,7 +96,7 @@ def test_an_exit_with_100_is_tried_again_at_each_run_of_the_timer(ap):
         run_timer(ap)
         ap.log.wait(line + str(n))
     assert ap.daemon.running
-    assert not has_children(ap.daemon.pid)
+    assert not children_of(ap.daemon.pid)
     Path("/korva/bin/vyr").unlink()
     Path("/korva/bin/vyr").symlink_to(os.environ["LAB_BINARIES"] + "/vyr")
     ap.wait_route("0.0.0.0/0", ["192.168.10.254"], 1, seconds=8)
@@ -116,7 +112,7 @@ def test_without_its_program_the_daemon_says_so_and_ends(ap, damage, reason):
     ap.start_daemon()
     ap.wait_ready()
     ap.log.wait(f"3 416 399816 Error starting VYR: execvp failed - {reason}")
-    wait_for(lambda: not has_children(ap.daemon.pid), "the child has been reaped")
+    wait_for(lambda: not children_of(ap.daemon.pid), "the child has been reaped")
     assert end_of_daemon(ap) == 5
 
 
