@@ -49,10 +49,6 @@ typedef void (*SignalHandler)(int);
 REAL_AND_WRAPPED(SignalHandler, signal, int number, SignalHandler handler);
 }
 
-// The sanitizer's, where it is there.
-extern "C" void __asan_poison_memory_region(const volatile void *memory, size_t size) __attribute__((weak));
-extern "C" void __asan_unpoison_memory_region(const volatile void *memory, size_t size) __attribute__((weak));
-
 namespace fuzz {
 
 ssize_t (*on_read)(int fd, void *buffer, size_t size);
@@ -76,8 +72,14 @@ constexpr int kFirstSocket = 600;
 constexpr int kSocketMax = 16;
 constexpr size_t kAllocationMax = 65536;
 
+/** An allocation that is not freed. */
+struct Live {
+    void *memory;
+    size_t size;
+};
+
 bool sockets[kSocketMax];
-void *live[kAllocationMax];
+Live live[kAllocationMax];
 size_t live_count;
 int until_failure;
 jmp_buf exit_to;
@@ -97,18 +99,18 @@ void *take_big() {
     big_in_use = true;
     if (!big)
         return big = __real_calloc(1, kBigSize);
-    if (__asan_unpoison_memory_region)
-        __asan_unpoison_memory_region(big, kBigTouched);
+    unpoison(big, kBigTouched);
     return memset(big, 0, kBigTouched);
 }
 
-void release_any(void *memory) {
-    if (!memory || memory != big)
-        return __real_free(memory);
+void release_any(const Live &released) {
+    if (is_of_arena(released.memory))
+        return poison(released.memory, released.size);
+    if (!released.memory || released.memory != big)
+        return __real_free(released.memory);
     HOLDS(big_in_use);
     big_in_use = false;
-    if (__asan_poison_memory_region)
-        __asan_poison_memory_region(big, kBigTouched);
+    poison(big, kBigTouched);
 }
 
 bool is_socket(int fd) {
@@ -118,7 +120,7 @@ bool is_socket(int fd) {
 /** The latest allocations are freed first, mostly. */
 size_t index_of(const void *memory) {
     size_t i = live_count;
-    while (i > 0 && live[i - 1] != memory)
+    while (i > 0 && live[i - 1].memory != memory)
         i--;
     return i;
 }
@@ -132,18 +134,37 @@ bool allocation_fails() {
     return true;
 }
 
-void *note(void *memory) {
+void *note(void *memory, size_t size) {
     if (inside && memory) {
         HOLDS(live_count < kAllocationMax);
-        live[live_count++] = memory;
+        live[live_count++] = {memory, size};
     }
     return memory;
 }
 
-void forget(const void *memory) {
+/** Takes an allocation off the list; others than the daemon's code free what is not there. */
+Live forget(void *memory) {
     const size_t i = index_of(memory);
-    if (i > 0)
-        live[i - 1] = live[--live_count];
+    HOLDS(i > 0 || !is_of_arena(memory));
+    if (i == 0)
+        return {memory, 0};
+    const Live forgotten = live[i - 1];
+    live[i - 1] = live[--live_count];
+    return forgotten;
+}
+
+/** Memory that reads as what nobody has written. */
+void *take(size_t size) {
+    constexpr int kUnwritten = 0xbe;
+    void *memory = inside ? take_from_arena(size) : nullptr;
+    return memory ? memset(memory, kUnwritten, size) : __real_malloc(size);
+}
+
+void *take_cleared(size_t count, size_t size) {
+    if (inside && count * size == kBigSize && !big_in_use)
+        return take_big();
+    void *memory = inside && count <= kBigSize && size <= kBigSize ? take_from_arena(count * size) : nullptr;
+    return memory ? memset(memory, 0, count * size) : __real_calloc(count, size);
 }
 
 }  // namespace
@@ -234,21 +255,27 @@ int run_until_exit(void (*action)()) {
 using namespace fuzz;
 
 void *__wrap_malloc(size_t size) {
-    return allocation_fails() ? nullptr : note(__real_malloc(size));
+    return allocation_fails() ? nullptr : note(take(size), size);
 }
 
 void *__wrap_calloc(size_t count, size_t size) {
-    if (allocation_fails())
-        return nullptr;
-    return note(inside && count * size == kBigSize && !big_in_use ? take_big() : __real_calloc(count, size));
+    return allocation_fails() ? nullptr : note(take_cleared(count, size), count * size);
 }
 
 void *__wrap_realloc(void *old, size_t size) {
     if (allocation_fails())
         return nullptr;
-    if (old && inside)
-        forget(old);
-    return note(__real_realloc(old, size));
+    if (!inside)
+        return __real_realloc(old, size);
+    if (!old)
+        return note(take(size), size);
+    const Live before = forget(old);
+    if (!is_of_arena(old))
+        return note(__real_realloc(old, size), size);
+    void *memory = note(take(size), size);
+    memcpy(memory, old, before.size < size ? before.size : size);
+    release_any(before);
+    return memory;
 }
 
 char *__wrap_strdup(const char *text) {
@@ -260,9 +287,8 @@ char *__wrap_strdup(const char *text) {
 }
 
 void __wrap_free(void *memory) {
-    if (memory && live_count > 0)
-        forget(memory);
-    release_any(memory);
+    if (memory)
+        release_any(forget(memory));
 }
 
 int __wrap_socket(int domain, int type, int protocol) {

@@ -16,6 +16,7 @@ namespace fuzz {
 
 bool replaying;
 bool careful;
+bool thorough;
 bool inside;
 unsigned log_line_count;
 std::string_view last_error;
@@ -38,17 +39,19 @@ uint32_t next_timer;
 char error_text[KORVA_LOG_BUFFER_SIZE];
 
 char *keep(size_t size) {
+    if (void *memory = take_from_arena(size))
+        return static_cast<char *>(memory);
     HOLDS(kept_count < kKeptMax);
     auto *memory = static_cast<char *>(allocate(size));
     kept[kept_count++] = memory;
     return memory;
 }
 
-/** One in sixteen, told by the input itself, so that a case stays the same one. */
-bool chosen(const uint8_t *data, size_t size) {
+/** A number told by the input itself, so that a case stays the same one; 0 while replaying. */
+unsigned lot_of(const uint8_t *data, size_t size) {
     if (replaying || size == 0)
-        return true;
-    return (data[size / 2] * 7U + data[size - 1] * 31U + size) % 16 == 0;
+        return 0;
+    return static_cast<unsigned>(data[size / 2] * 7U + data[size - 1] * 31U + size);
 }
 
 bool is_control(unsigned char byte) {
@@ -131,7 +134,9 @@ void set_log_level(int level) {
 }
 
 Input begin(const uint8_t *data, size_t size) {
-    careful = chosen(data, size);
+    const unsigned lot = lot_of(data, size);
+    careful = lot % 16 == 0;
+    thorough = lot % 256 == 0;
     set_log_level(careful ? LOG_LEVEL_DEBUG : kQuiet);
     log_line_count = 0;
     last_error = {};
@@ -142,6 +147,7 @@ Input begin(const uint8_t *data, size_t size) {
     command_count = 0;
     serial = "SN12345678";
     the_dispatcher = {};
+    begin_arena(!careful);
     begin_calls();
     begin_files();
     vyrwrap_global.dispatcher = &the_dispatcher;

@@ -60,6 +60,9 @@ extern bool replaying;
 /** Chosen by the input: logs at debug level, and looks closer where that takes time. */
 extern bool careful;
 
+/** One in sixteen of the careful ones: with what takes many times as long, such as real files. */
+extern bool thorough;
+
 /* ---- the log ---- */
 
 void set_log_level(int level);
@@ -185,6 +188,11 @@ bool close_file(int fd);
 ssize_t write_to_file(int fd, const void *bytes, size_t size);
 void *allocate(size_t size); /**< the C library's own */
 void release(void *memory);
+void begin_arena(bool use);
+void *take_from_arena(size_t size); /**< NULL: not in use, or used up */
+bool is_of_arena(const void *memory);
+void poison(const void *memory, size_t size);
+void unpoison(const void *memory, size_t size);
 extern bool inside; /**< an execution is under way */
 
 }  // namespace fuzz

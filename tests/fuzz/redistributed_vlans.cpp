@@ -86,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t bits = take_byte(&input);
     std::string_view value = take_rest(&input);
     char *repeated = nullptr;
-    if (bits >= 248 && careful && !value.empty()) {
+    if (bits >= 248 && thorough && !value.empty()) {
         // a value as long as the daemon reads, and longer; thousands of lines about it tell no more than a few
         if (!replaying)
             set_log_level(0);
