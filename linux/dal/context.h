@@ -262,7 +262,6 @@ redisReply *ask_for(dal_ctx *ctx, int type, std::span<const Argument> arguments)
 
 /** An entry of the lists that calls give out; `value` may be NULL. NULL when memory is short. */
 dal_kv *kv_make(const redisReply *key, const redisReply *value);
-void kv_free(dal_kv *entry);
 
 /** A copy with a NUL behind it. NULL when memory is short. */
 char *copy_bytes(const char *bytes, size_t length);

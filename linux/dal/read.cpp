@@ -3,6 +3,7 @@
 
 #include "linux/clock.h"
 #include "linux/dal/context.h"
+#include "linux/key_values.h"
 #include "linux/platform_log.h"
 
 namespace dal {
@@ -135,12 +136,6 @@ dal_kv *kv_make(const redisReply *key, const redisReply *value) {
         return entry;
     kv_free(entry);
     return nullptr;
-}
-
-void kv_free(dal_kv *entry) {
-    free(entry->key);
-    free(entry->value);
-    free(entry);
 }
 
 }  // namespace dal

@@ -2,6 +2,7 @@
 #include <stdlib.h>
 
 #include "linux/dal/context.h"
+#include "linux/key_values.h"
 #include "linux/platform_log.h"
 
 namespace dal {
@@ -159,13 +160,4 @@ int dal_mget_by_wildcard(dal_ctx *ctx, const char *pattern, List *kvlist, dal_ct
         return give(&found, kvlist, true);
     free_keys(&found);
     return -1;
-}
-
-void dal_free_slist(List *list) {
-    if (!list)
-        return;
-    ListGet(list, LIST_REWIND);
-    while (void *entry = ListGet(list, LIST_NEXT))
-        kv_free(static_cast<dal_kv *>(entry));
-    ListClear(list);
 }

@@ -81,9 +81,7 @@ void check_datagram_of(Kind kind, uint8_t bits, bool has_tunnel) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    Input input = begin_over_store(data, size);
-    vyrwrap_global.app_sock_fd = open_socket();
-    on_datagram = check_datagram;
+    Input input = begin_with_application(data, size);
     vyrwrap_ipsec_tunnel_info_init();
     const uint8_t bits = take_byte(&input);
     fill_store(bits);

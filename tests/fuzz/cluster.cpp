@@ -114,9 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     constexpr uint8_t kTunnel = 16;
     constexpr uint8_t kNoList = 32;
     constexpr uint8_t kCutList = 64;
-    Input input = begin_over_store(data, size);
-    vyrwrap_global.app_sock_fd = open_socket();
-    on_datagram = check_datagram;
+    Input input = begin_with_application(data, size);
     const uint8_t bits = take_byte(&input);
     const char *key = keep_text(kFolder, take_text(&input));
     for (const char *field : {"ddg_ip", "cluster_state", "node_num"})

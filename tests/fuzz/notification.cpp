@@ -134,11 +134,9 @@ void fill_store(uint8_t bits) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    Input input = begin_over_store(data, size);
+    Input input = begin_with_application(data, size);
     use_static_table();
     vyrwrap_ipsec_tunnel_info_init();
-    vyrwrap_global.app_sock_fd = open_socket();
-    on_datagram = check_datagram;
     on_renamed = check_renamed;
     connect_fails = true;
     oapCfg_g.bEnable = 0;

@@ -74,6 +74,9 @@ extern std::string_view last_error; /**< text of the last line at error level */
 /** begin, with an empty store behind the DAL's calls. */
 Input begin_over_store(const uint8_t *data, size_t size);
 
+/** begin_over_store, with a socket to the routing application; the datagrams that it gets are checked. */
+Input begin_with_application(const uint8_t *data, size_t size);
+
 /** What the store holds is not copied: use texts that live until the end of the execution. */
 void store_set(std::string_view key, std::string_view value);
 void store_hset(std::string_view key, std::string_view field, std::string_view value);

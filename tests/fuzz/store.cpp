@@ -3,6 +3,8 @@
 #include <string.h>
 
 #include "core/global.h"
+#include "linux/key_values.h"
+#include "tests/fuzz/oracle.h"
 #include "tests/fuzz/platform.h"
 
 struct dal_ctx {
@@ -100,9 +102,7 @@ int append(List *list, std::string_view key, const std::string_view *value) {
     }
     if (entry->key && (entry->value || !value) && ListAppend(list, entry) == 0)
         return 0;
-    free(entry->key);
-    free(entry->value);
-    free(entry);
+    kv_free(entry);
     return -1;
 }
 
@@ -133,6 +133,13 @@ Input begin_over_store(const uint8_t *data, size_t size) {
     dal_call_count = 0;
     publication_count = 0;
     last_publication = {};
+    return input;
+}
+
+Input begin_with_application(const uint8_t *data, size_t size) {
+    const Input input = begin_over_store(data, size);
+    vyrwrap_global.app_sock_fd = open_socket();
+    on_datagram = check_datagram;
     return input;
 }
 
@@ -267,18 +274,6 @@ int dal_is_key_exist(dal_ctx *ctx, const char *key, uint32_t key_len, int *found
         return -1;
     *found = exists({key, key_len}) ? 1 : 0;
     return 0;
-}
-
-void dal_free_slist(List *list) {
-    if (!list)
-        return;
-    ListGet(list, LIST_REWIND);
-    while (auto *entry = static_cast<dal_kv *>(ListGet(list, LIST_NEXT))) {
-        free(entry->key);
-        free(entry->value);
-        free(entry);
-    }
-    ListClear(list);
 }
 
 int dal_sync_ctx_chk(dal_ctx *ctx) {

@@ -134,9 +134,7 @@ void step(Input *input, const char *key) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    Input input = begin_over_store(data, size);
-    vyrwrap_global.app_sock_fd = open_socket();
-    on_datagram = check_datagram;
+    Input input = begin_with_application(data, size);
     vyrwrap_ipsec_tunnel_info_init();
     const char *keys[] = {keep_text(kFolder, take_text(&input)), "/op/tunnel/t1"};
     const uint8_t first = take_byte(&input);

@@ -91,9 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     constexpr uint8_t kWholePath = 8;
     constexpr uint8_t kReplay = 16;
     constexpr uint8_t kRead = 32;
-    Input input = begin_over_store(data, size);
-    vyrwrap_global.app_sock_fd = open_socket();
-    on_datagram = check_datagram;
+    Input input = begin_with_application(data, size);
     const uint8_t bits = take_byte(&input);
     const char *text = keep_text(take_text(&input));
     const char *path = bits & kWholePath ? text : keep_text(kFolder, text);

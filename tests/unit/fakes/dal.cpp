@@ -7,6 +7,7 @@
 #include "core/owned.h"
 #include "fakes/fakes.h"
 #include "fakes/internal.h"
+#include "linux/key_values.h"
 
 struct dal_ctx {
     int unused;
@@ -66,9 +67,7 @@ int append(List *list, const std::string &key, const std::string *value) {
     }
     if (ListAppend(list, entry) == 0)
         return 0;
-    free(entry->key);
-    free(entry->value);
-    free(entry);
+    kv_free(entry);
     return -1;
 }
 
@@ -202,18 +201,6 @@ int dal_is_key_exist(dal_ctx *, const char *key, uint32_t key_len, int *exists) 
         return -1;
     *exists = fake::strings.count(name) || fake::hashes.count(name) ? 1 : 0;
     return 0;
-}
-
-void dal_free_slist(List *list) {
-    if (!list)
-        return;
-    ListGet(list, LIST_REWIND);
-    while (auto *entry = static_cast<dal_kv *>(ListGet(list, LIST_NEXT))) {
-        free(entry->key);
-        free(entry->value);
-        free(entry);
-    }
-    ListClear(list);
 }
 
 int dal_sync_ctx_chk(dal_ctx *) {
