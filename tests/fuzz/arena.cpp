@@ -1,6 +1,6 @@
 /*
- * Memory of one execution, never given out twice in it. The sanitizer sees what goes beyond an allocation, or comes after
- * its end, as it does with its own allocator, which takes a third of an execution's time.
+ * Memory of one execution, never given out twice in it. The sanitizer sees what goes beyond an allocation, or comes
+ * after its end, as it does with its own allocator, which takes a third of an execution's time.
  */
 #include <algorithm>
 

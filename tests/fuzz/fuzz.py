@@ -22,7 +22,7 @@ LEARNT = doors.BUILD / "corpus"
 FAST_CHECKS = "malloc_context_size=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=16"
 
 # Where counting how rare each feature is takes as long as running the daemon's code.
-MANY_FEATURES = ("daemon", "redis_reply", "redistributed_vlans")
+MANY_FEATURES = ("daemon", "redis_reply")
 
 
 def fuzzer_command(door: str, binary: pathlib.Path, seconds: int, executions: int) -> list[str]:

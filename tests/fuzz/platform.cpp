@@ -47,11 +47,15 @@ char *keep(size_t size) {
     return memory;
 }
 
-/** A number told by the input itself, so that a case stays the same one; 0 while replaying. */
+/** A number told by the whole input, so that a case stays the same one and the next of its kind is another; 0 while
+ * replaying. */
 unsigned lot_of(const uint8_t *data, size_t size) {
     if (replaying || size == 0)
         return 0;
-    return static_cast<unsigned>(data[size / 2] * 7U + data[size - 1] * 31U + size);
+    unsigned lot = 0x811c9dc5;
+    for (size_t i = 0; i < size; i++)
+        lot = (lot ^ data[i]) * 0x01000193;
+    return lot >> 16;
 }
 
 bool is_control(unsigned char byte) {
