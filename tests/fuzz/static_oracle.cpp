@@ -1,5 +1,4 @@
 /* The static route table, and the file that it becomes. */
-#include <stdio.h>
 #include <string.h>
 
 #include "core/global.h"
@@ -18,23 +17,27 @@ struct Rendering {
 };
 Rendering rendering;
 
-void put(const char *text) {
-    const size_t length = strlen(text);
-    HOLDS(rendering.length + length < sizeof rendering.text);
-    memcpy(rendering.text + rendering.length, text, length);
-    rendering.length += length;
-}
-
-void put_address(uint32_t ip) {
-    char text[16];
-    snprintf(text, sizeof text, "%u.%u.%u.%u", ip >> 24, ip >> 16 & 255, ip >> 8 & 255, ip & 255);
-    put(text);
+void put(std::string_view text) {
+    HOLDS(rendering.length + text.size() < sizeof rendering.text);
+    memcpy(rendering.text + rendering.length, text.data(), text.size());
+    rendering.length += text.size();
 }
 
 void put_number(unsigned number) {
-    char text[16];
-    snprintf(text, sizeof text, "%u", number);
-    put(text);
+    char digits[10];
+    size_t at = sizeof digits;
+    do
+        digits[--at] = static_cast<char>('0' + number % 10);
+    while (number /= 10);
+    put({digits + at, sizeof digits - at});
+}
+
+void put_address(uint32_t ip) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        put_number(ip >> shift & 255);
+        if (shift > 0)
+            put(".");
+    }
 }
 
 bool can_stand_between_quotes(const char *name) {
