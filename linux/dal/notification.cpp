@@ -88,8 +88,8 @@ void forget(dal_ctx *ctx, const Notification *waiting) {
 }
 
 /** The one that waits and says the same of a key, no longer waiting; NULL when there is none. */
-Notification *take_repeated(dal_ctx *ctx, Pattern *pattern, const redisReply *channel, const redisReply *data) {
-    const uint64_t hash = hash_of(pattern, channel, data);
+Notification *take_repeated(dal_ctx *ctx, Pattern *pattern, const redisReply *channel, const redisReply *data,
+                            uint64_t hash) {
     Notification *found = *slot_of(ctx, hash);
     while (found && !(found->hash == hash && says(found, pattern, channel, data)))
         found = found->same_slot;
@@ -104,14 +104,15 @@ Notification *take_repeated(dal_ctx *ctx, Pattern *pattern, const redisReply *ch
  * reads it as it is. */
 Notification *queued(dal_ctx *ctx, Pattern *pattern, const redisReply *channel, const redisReply *data) {
     const bool burst = ctx->waiting.bytes > kFewBytes;
-    Notification *notification = pattern->glob && burst ? take_repeated(ctx, pattern, channel, data) : nullptr;
+    const uint64_t hash = pattern->glob ? hash_of(pattern, channel, data) : 0;
+    Notification *notification = pattern->glob && burst ? take_repeated(ctx, pattern, channel, data, hash) : nullptr;
     if (!notification && ctx->waiting.bytes < kMostBytes)
         notification = make(pattern, "", {channel->str, channel->len}, {data->str, data->len});
     if (!notification)
         return nullptr;
     notifications_append(&ctx->waiting, notification);
     if (pattern->glob) {
-        notification->hash = hash_of(pattern, channel, data);
+        notification->hash = hash;
         remember(ctx, notification);
     }
     return notification;
