@@ -60,9 +60,22 @@ void give_up(dal_ctx *ctx, const char *reason) {
     start_timer(ctx, &audit->timer, kAgainMs, on_again_due, ctx);
 }
 
+void follow_walk(dal_ctx *ctx);
+
+/** Reads on, on a connection of its own again, without the value that is too large. */
+bool resume(dal_ctx *ctx) {
+    link_close(&ctx->auditor);
+    if (!link_open(&ctx->auditor, true) || !walk_resume(&ctx->audit.walk))
+        return false;
+    follow_walk(ctx);
+    return true;
+}
+
 /** A server that does not answer is lost; that this one connection failed means no more than that. */
 void on_failed(Link *link) {
     dal_ctx *ctx = link->ctx;
+    if (link->too_large && ctx->audit.phase == AuditPhase::walking && resume(ctx))
+        return;
     if (link->silent)
         context_lost(ctx, link->reason);
     else
@@ -96,19 +109,37 @@ bool is_wanted(const Walk *walk, const char *key, size_t length, bool *as_hash) 
     return wanted;
 }
 
+bool take_value(dal_ctx *ctx, Pattern *pattern, const WalkKey *key, const Reading *reading) {
+    KnownKey *known = known_find(&pattern->known, key->text, key->length);
+    if (known) {
+        known->seen = ctx->audit.number;
+        known->too_large = false;
+    }
+    return (known && known->digest == reading->digest) || add_finding(ctx, pattern, key->text, key->length, false);
+}
+
+/** Nothing is told of it before its value can be read again, or it is gone. */
+bool take_too_large(dal_ctx *ctx, Pattern *pattern, const WalkKey *key) {
+    KnownKey *known = known_put(&pattern->known, key->text, key->length, ctx->audit.number);
+    if (!known)
+        return false;
+    if (!known->too_large)
+        platform_warning("<DAL>: the value of %s is too large to be compared", key->text);
+    known->seen = ctx->audit.number;
+    known->too_large = true;
+    return true;
+}
+
 bool take(Walk *walk, const WalkKey *key, const Reading *reading) {
     auto *ctx = static_cast<dal_ctx *>(walk->user_data);
-    if (reading->found != Found::value)
-        return true;
     bool complete = true;
     for (Pattern *pattern = ctx->patterns; pattern; pattern = pattern->next) {
         if (!matches(pattern, key->text, key->length))
             continue;
-        KnownKey *known = known_find(&pattern->known, key->text, key->length);
-        if (known)
-            known->seen = ctx->audit.number;
-        if (!known || known->digest != reading->digest)
-            complete = add_finding(ctx, pattern, key->text, key->length, false) && complete;
+        if (reading->found == Found::value)
+            complete = take_value(ctx, pattern, key, reading) && complete;
+        else if (reading->found == Found::too_large)
+            complete = take_too_large(ctx, pattern, key) && complete;
     }
     return complete;
 }
@@ -146,13 +177,21 @@ void suspect(Pattern *pattern, size_t count) {
     start_timer(pattern->ctx, &pattern->suspect_timer, kSuspectMs, on_suspect_due, pattern);
 }
 
+void doubt(Pattern *pattern) {
+    pattern->suspicion = Suspicion::some;
+    audit_want(pattern->ctx);
+}
+
 /** Whether the pattern's missing keys are to be believed. */
 bool is_believed(Pattern *pattern, const Missing &count) {
-    if (count.missing == 0)
+    const Suspicion before = pattern->suspicion;
+    if (count.missing == 0 || before == Suspicion::decides)
         return true;
-    if (pattern->suspicion == Suspicion::none && count.missing == count.of)
+    if (before != Suspicion::waiting && count.missing == count.of)
         suspect(pattern, count.of);
-    return pattern->suspicion != Suspicion::waiting;
+    else if (before == Suspicion::none)
+        doubt(pattern);
+    return before == Suspicion::some && pattern->suspicion == before;
 }
 
 bool add_missing(dal_ctx *ctx) {

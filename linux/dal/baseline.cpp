@@ -14,7 +14,7 @@ bool is_wanted(const Walk *, const char *, size_t, bool *) {
 
 bool take(Walk *walk, const WalkKey *key, const Reading *reading) {
     auto *pattern = static_cast<Pattern *>(walk->user_data);
-    if (reading->found != Found::value)
+    if (reading->found != Found::value && reading->found != Found::too_large)
         return true;
     KnownKey *known = known_put(&pattern->known, key->text, key->length, pattern->ctx->audit.number);
     if (!known)
@@ -24,14 +24,20 @@ bool take(Walk *walk, const WalkKey *key, const Reading *reading) {
     return true;
 }
 
+/** Reads on without the value that is too large. */
+bool resume(Link *link, Walk *walk) {
+    link_close(link);
+    return link_open(link, false) && walk_resume(walk);
+}
+
 /** One try. False when the link failed. */
-bool try_once(Link *link, Pattern *pattern, Walk *walk, bool together, int64_t deadline) {
+bool try_once(Link *link, Pattern *pattern, Walk *walk, int64_t deadline) {
     if (!link->context && !link_open(link, false))
         return false;
     *walk = {};
     walk->link = link;
     walk->match = pattern->glob;
-    walk->together = together;
+    walk->together = true;
     walk->user_data = pattern;
     walk->wanted = is_wanted;
     walk->take = take;
@@ -40,7 +46,9 @@ bool try_once(Link *link, Pattern *pattern, Walk *walk, bool together, int64_t d
         walk_begin_with_key(walk, pattern->glob, pattern->glob_length);
     else
         walk_begin(walk);
-    const bool answered = link_wait(link, deadline);
+    bool answered = link_wait(link, deadline);
+    while (!answered && link->too_large && resume(link, walk))
+        answered = link_wait(link, deadline);
     link->walk = nullptr;
     walk_end(walk);
     return answered && walk->state != WalkState::broken;
@@ -51,17 +59,20 @@ bool try_once(Link *link, Pattern *pattern, Walk *walk, bool together, int64_t d
 void baseline_take(dal_ctx *ctx, Pattern *pattern, int64_t deadline) {
     Link *link = &ctx->reader;
     Walk walk;
-    bool answered = try_once(link, pattern, &walk, true, deadline);
-    if (!answered && !link->silent) {
-        link_close(link);  // it was idle for long, or all values are too much for one answer
-        answered = try_once(link, pattern, &walk, false, deadline);
+    bool answered = try_once(link, pattern, &walk, deadline);
+    if (!answered && link->closed) {
+        link_close(link);  // it was idle for long
+        answered = try_once(link, pattern, &walk, deadline);
     }
     // A late answer must answer no later question. Whether the server is lost is seen by who asks next.
     if (!answered)
         link_close(link);
-    if (!answered || walk.state != WalkState::done)
-        platform_info("<DAL>: not all keys of %s could be read; they will be delivered: %s", pattern->text,
-                      answered ? walk.reason : link->reason);
+    if (answered && walk.state == WalkState::done)
+        return;
+    platform_info("<DAL>: not all keys of %s could be read; they will be delivered: %s", pattern->text,
+                  answered ? walk.reason : link->reason);
+    // At once: of the end of a key that it does not know by then, the subscriber is not told.
+    audit_want_from_call(ctx);
 }
 
 }  // namespace dal

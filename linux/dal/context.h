@@ -17,10 +17,11 @@ enum class State {
     up,     /**< calls are answered */
 };
 
-/** What a comparison thinks of a pattern all of whose keys it has found gone. */
+/** What a comparison thinks of a pattern of whose keys it has found some or all gone. */
 enum class Suspicion {
     none,
-    waiting, /**< it was the first to find that; those that begin before the time has passed change nothing */
+    some,    /**< some, where all may have gone in the midst of it: another one follows at once and has to agree */
+    waiting, /**< it was the first to find all gone; those that begin before the time has passed change nothing */
     decides, /**< one has begun after that time */
 };
 
@@ -236,7 +237,8 @@ Reading read_key(dal_ctx *ctx, const char *key, size_t length, bool hash_first);
 /** The daemon itself read a key whole; NULL when that failed. */
 void known_note_read(dal_ctx *ctx, const char *key, size_t length, const redisReply *reply, bool as_hash);
 
-/** Reads the keys that stand when a pattern is first subscribed to. What cannot be read stays unknown. */
+/** Reads the keys that stand when a pattern is first subscribed to. What cannot be read, the next comparison delivers.
+ */
 void baseline_take(dal_ctx *ctx, Pattern *pattern, int64_t deadline);
 
 /* Comparisons. */

@@ -88,7 +88,7 @@ void knowledge_before(dal_ctx *ctx, const Notification *notification, const char
     if (pattern->known.count > before)
         known->reads = pattern->reads;
     known->digest = kUnknownDigest;
-    if (known->reads || notification->tried)
+    if (known->reads || known->too_large || notification->tried)
         return;
     const Reading reading = read_key(ctx, key, length, known->is_hash || is_hash_event(event));
     set_reading(known, &reading);

@@ -15,10 +15,11 @@ struct KnownKey {
     KnownKey *next;
     uint64_t digest;
     uint32_t hash;
-    uint32_t born; /**< number of the comparison that ran, or had run, when the key became known */
-    uint32_t seen; /**< number of the last comparison that found the key; `born` before the first */
-    bool is_hash;  /**< what it was last, as a hint for the next reading */
-    bool reads;    /**< the subscriber reads this key's whole value by itself when it changes */
+    uint32_t born;  /**< number of the comparison that ran, or had run, when the key became known */
+    uint32_t seen;  /**< number of the last comparison that found the key; `born` before the first */
+    bool is_hash;   /**< what it was last, as a hint for the next reading */
+    bool reads;     /**< the subscriber reads this key's whole value by itself when it changes */
+    bool too_large; /**< the last comparison could not read it, which was said */
     size_t length;
     char *text; /**< NUL-terminated, behind the record */
 };

@@ -22,6 +22,11 @@ bool fail(Link *link, const char *reason) {
     return false;
 }
 
+bool fail_too_large(Link *link) {
+    link->too_large = true;
+    return fail(link, "an answer without end");
+}
+
 bool fail_silent(Link *link) {
     link->silent = true;
     return fail(link, "no answer");
@@ -29,6 +34,9 @@ bool fail_silent(Link *link) {
 
 /** Of an answer that is not complete; none that the daemon asks for comes near. */
 constexpr size_t kMostBytes = 16 << 20;
+
+/** An answer that comes so far within kAnswerMs has as long again: half of what is read at once. */
+constexpr size_t kProgressBytes = 8 << 10;
 
 /** An array is allocated at the length that the server claims, before any of it has come. */
 constexpr size_t kMostElements = 1 << 22;
@@ -56,17 +64,7 @@ bool library_failed(Link *link) {
     return fail(link, context->err == REDIS_ERR_IO ? strerror(error) : context->errstr);
 }
 
-void on_deadline(void *user_data) {
-    auto *link = static_cast<Link *>(user_data);
-    *link->conn.timer_slot = 0;
-    // The loop itself may have been busy for that long: what has arrived since counts.
-    const uint32_t before = link->heard;
-    if (!link_receive(link) || (link->context && link->heard == before && !fail_silent(link)))
-        link->on_failed(link);
-    else if (link->context && link->expected)
-        start_timer(link->ctx, link->conn.timer_slot, kAnswerMs, on_deadline, link);
-    context_settle(link->ctx);
-}
+void on_deadline(void *user_data);
 
 void stop_deadline(Link *link) {
     stop_timer(link->ctx, link->conn.timer_slot);
@@ -77,8 +75,23 @@ void renew_deadline(Link *link) {
     if (!link->in_loop)
         return;
     stop_deadline(link);
+    link->received = 0;
     if (link->expected)
         start_timer(link->ctx, link->conn.timer_slot, kAnswerMs, on_deadline, link);
+}
+
+void on_deadline(void *user_data) {
+    auto *link = static_cast<Link *>(user_data);
+    *link->conn.timer_slot = 0;
+    // The loop itself may have been busy for that long: what has arrived since counts.
+    const uint32_t before = link->heard;
+    const bool failed = !link_receive(link);
+    const bool progress = link->heard != before || link->received >= kProgressBytes;
+    if (failed || (link->context && !progress && !fail_silent(link)))
+        link->on_failed(link);
+    else if (link->context)
+        renew_deadline(link);
+    context_settle(link->ctx);
 }
 
 void on_readable(void *connection) {
@@ -153,6 +166,7 @@ int remaining(int64_t deadline) {
 bool link_open(Link *link, bool in_loop) {
     link->closed = false;
     link->silent = false;
+    link->too_large = false;
     const char *reason = nullptr;
     const int fd = address_connect(link->address, &reason);
     if (fd < 0)
@@ -230,14 +244,16 @@ bool link_flush(Link *link) {
 }
 
 bool link_receive(Link *link) {
+    const size_t before = link->context->reader->len;
     if (redisBufferRead(link->context) != REDIS_OK)
         return library_failed(link);
+    link->received += link->context->reader->len - before;
     while (link->context) {
         void *reply = nullptr;
         if (redisGetReplyFromReader(link->context, &reply) != REDIS_OK)
             return library_failed(link);
         if (!reply)
-            return link->context->reader->len <= kMostBytes || fail(link, "an answer without end");
+            return link->context->reader->len <= kMostBytes || fail_too_large(link);
         const bool taken = dispatch(link, static_cast<redisReply *>(reply));
         if (reply != link->answer)
             freeReplyObject(reply);

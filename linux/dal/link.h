@@ -72,10 +72,12 @@ struct Link {
     Expected *last;
     uint32_t expected;
     uint32_t heard;     /**< replies of any kind so far */
+    size_t received;    /**< bytes since the deadline of the next answer was set */
     redisReply *answer; /**< kept by on_answer for the call that waits */
     Walk *walk;         /**< that goes on with the answers to Question::scan, value and values */
     bool closed;        /**< failed because the server closed the connection */
     bool silent;        /**< failed because an answer did not come in time */
+    bool too_large;     /**< failed because of an answer that is */
     char reason[200];   /**< why it failed */
 
     /** Takes a message that is the answer to no command. Returns whether it was one. May be NULL. */

@@ -15,6 +15,7 @@ enum class Found {
     value,
     nothing,    /**< no such key */
     other_type, /**< a key of another type than asked for */
+    too_large,  /**< a value that is not read */
     refused,    /**< an error, or an answer of another shape */
 };
 

@@ -170,6 +170,24 @@ void walk_begin_with_key(Walk *walk, const char *key, size_t length) {
         refuse(walk, "memory is short");
 }
 
+bool walk_resume(Walk *walk) {
+    if (!walk->asked.first)
+        return false;
+    // Of values asked for together it is not known whose it was: from now on each is asked for by itself.
+    if (!walk->together) {
+        WalkKey *key = take_first(&walk->asked);
+        const Reading reading{Found::too_large, key->as_hash, kUnknownDigest};
+        if (!walk->take(walk, key, &reading))
+            refuse(walk, "memory is short");
+        free(key);
+    }
+    walk->together = false;
+    while (walk->asked.first)
+        append(&walk->to_read, take_first(&walk->asked));
+    go_on(walk);
+    return true;
+}
+
 void walk_answered(Walk *walk, Question question, const redisReply *reply) {
     if (walk->state != WalkState::running)
         return;

@@ -56,6 +56,10 @@ void walk_begin(Walk *walk);
 /** Begins one that reads nothing but this key. */
 void walk_begin_with_key(Walk *walk, const char *key, size_t length);
 
+/** Goes on when the link failed because of an answer that is too large and was opened again: without that key's value,
+ * which is taken as Found::too_large. False when it was no value's answer. */
+bool walk_resume(Walk *walk);
+
 /** Takes an answer to Question::scan, value or values. */
 void walk_answered(Walk *walk, Question question, const redisReply *reply);
 

@@ -23,21 +23,36 @@ class DalAuditGarbage : public DalResync {
 protected:
     void SetUp() override { loop::reset(); }
 
-    /** A subscription while there are no keys, then one comparison with these answers. */
-    void compare_with(const Script::Answers &answers, Then then = Then::the_same) {
-        const Script script(
-            Script::Connections{{{kPong, std::string(kNoClient) + kFlags, kConfirmed, kPongToSubscriber},
-                                 {kPong, kNoKeys, "$1\r\nv\r\n"},
-                                 answers}},
-            then);
+    static Script::Connections connections(const Script::Answers &answers) {
+        return {{{kPong, std::string(kNoClient) + kFlags, kConfirmed, kPongToSubscriber},
+                 {kPong, kNoKeys, "$1\r\nv\r\n"},
+                 answers}};
+    }
+
+    void begin_comparison() {
         open_at(std::string("unix://") + Script::kPath);
         ASSERT_NE(ctx, nullptr);
         ASSERT_EQ(subscribe("__keyspace@0__:/*"), 0);
         ASSERT_EQ(dal_sub_ctx_chk(ctx), 0);
-        const auto over = [this] { return ctx->audit.phase == dal::AuditPhase::none; };
-        if (!loop::run_until(over, 100))
-            loop::advance(2000);  // an answer that never comes
-        loop::run_until(over);
+    }
+
+    bool run_until_over(int limit_ms = 10000) {
+        return loop::run_until([this] { return ctx->audit.phase == dal::AuditPhase::none; }, limit_ms);
+    }
+
+    /** Runs the loop until so much of an answer has come to the comparison. */
+    bool run_until_received(size_t bytes) {
+        return loop::run_until(
+            [=, this] { return ctx->auditor.context && ctx->auditor.context->reader->len >= bytes; });
+    }
+
+    /** A subscription while there are no keys, then one comparison with these answers. */
+    void compare_with(const Script::Answers &answers, Then then = Then::the_same, bool may_stall = false) {
+        const Script script(connections(answers), then);
+        begin_comparison();
+        if (may_stall && !run_until_over(100))
+            loop::advance(2000);
+        EXPECT_TRUE(run_until_over());
         delivered_count = delivered.size();
         state = ctx->state;
         close();
@@ -101,6 +116,12 @@ TEST_F(DalAuditGarbage, InsteadOfAValueGivesTheComparisonUp) {
     }
 }
 
+TEST_F(DalAuditGarbage, KeysWithoutEndGiveTheComparisonUp) {
+    compare_with({kInfo, kFlags, "$2000000000\r\n" + std::string(17 << 20, 'x')});
+    EXPECT_EQ(state, dal::State::up);
+    EXPECT_EQ(loop::log_count("not compared with what is known of them: an answer without end"), 1U);
+}
+
 TEST_F(DalAuditGarbage, AKeyThatIsOfNoTypeAskedForIsNotThere) {
     compare_with({kInfo, kFlags, kOneKey, "-WRONGTYPE x\r\n", "-WRONGTYPE x\r\n", kInfo});
     EXPECT_EQ(delivered_count, 0U);
@@ -141,8 +162,29 @@ TEST_F(DalAuditGarbage, AnswersMadeAtRandomDoNoHarm) {
             for (int piece = rand_r(&seed) % 3; piece >= 0; piece--)
                 answers.back() += pieces[static_cast<size_t>(rand_r(&seed)) % std::size(pieces)];
         }
-        compare_with(answers, Then::its_end);
+        compare_with(answers, Then::its_end, true);
     }
+}
+
+TEST_F(DalAuditGarbage, AnAnswerThatMakesProgressHasItsTime) {
+    const Script script(connections({kInfo, kFlags, kOneKey, Script::kTrickle}));
+    begin_comparison();
+    for (size_t round = 1; round <= 3; round++) {
+        ASSERT_TRUE(run_until_received(round * 16384));
+        loop::advance(2000);
+        ASSERT_TRUE(run_until_received(round * 16384 + 1));
+    }
+    EXPECT_EQ(ctx->state, dal::State::up);
+    EXPECT_EQ(ctx->audit.phase, dal::AuditPhase::walking);
+}
+
+TEST_F(DalAuditGarbage, AnAnswerThatMakesHardlyAnyIsALoss) {
+    const Script script(connections({kInfo, kFlags, kOneKey, "$1000000\r\n" + std::string(1000, 'x')}));
+    begin_comparison();
+    ASSERT_TRUE(run_until_received(1000));
+    loop::advance(2000);
+    ASSERT_TRUE(run_until_lost());
+    EXPECT_TRUE(loop::logged("lost the server unix:///tmp/script.sock: no answer"));
 }
 
 }  // namespace

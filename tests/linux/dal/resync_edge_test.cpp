@@ -130,6 +130,30 @@ TEST_F(DalEdge, AFlushDuringAComparisonIsNotTakenForSomeKeysGone) {
     EXPECT_EQ(told(), Texts{});
 }
 
+/** Without tracking, which would tell of a flush. */
+class DalSilentFlush : public DalEdge {
+protected:
+    void expect_no_key_taken_away_by(const std::string &command) {
+        redis("ACL SETUSER default -client|id");
+        fill(3000, "/a/");
+        follow("/a/*");
+        ASSERT_EQ(dal_sub_ctx_chk(ctx), 0);
+        ASSERT_TRUE(loop::run_until([this] { return ctx->audit.walk.cursor.steps >= 3; }));
+        redis(command);
+        ASSERT_TRUE(run_until_compared());
+        EXPECT_TRUE(delivered.empty());
+        EXPECT_TRUE(loop::logged("all 3000 keys of __keyspace@0__:/a/* are gone; looking again"));
+    }
+};
+
+TEST_F(DalSilentFlush, DuringAComparisonIsNotTakenForSomeKeysGone) {
+    expect_no_key_taken_away_by("FLUSHALL");
+}
+
+TEST_F(DalSilentFlush, BySwapdbDuringAComparisonIsNotTakenForSomeKeysGone) {
+    expect_no_key_taken_away_by("SWAPDB 0 1");
+}
+
 TEST_F(DalEdge, AFlushWhileFindingsWaitTakesNothingAway) {
     fill(300, "/a/");
     follow("/a/*");

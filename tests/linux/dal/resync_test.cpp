@@ -73,6 +73,17 @@ TEST_F(DalResync, AFirstConnectionThatComesLaterThanTheSubscriptionDeliversAll) 
     unlink("/tmp/dump.rdb");
 }
 
+TEST_F(DalResync, WhatTheFirstReadingCouldNotReadIsDeliveredAtOnceAndItsEndToo) {
+    redis("MSET /a/1 x /a/2 y");
+    redis("ACL SETUSER default -mget");
+    follow("/a/*");
+    ASSERT_TRUE(run_until_delivered(2)) << "before the next minute";
+    ASSERT_TRUE(run_until_compared());
+    EXPECT_EQ(told(), (Texts{"/a/1 set", "/a/2 set"}));
+    unnoticed({"DEL /a/1"});
+    EXPECT_EQ(compare(), Texts{"/a/1 del"});
+}
+
 TEST_F(DalResync, AStringThatBecameAHashWithTheSameBytesIsDifferent) {
     redis("SET /a/k v");
     redis("HSET /a/h k v");
