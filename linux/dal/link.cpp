@@ -22,11 +22,6 @@ bool fail(Link *link, const char *reason) {
     return false;
 }
 
-bool fail_too_large(Link *link) {
-    link->too_large = true;
-    return fail(link, "an answer without end");
-}
-
 bool fail_silent(Link *link) {
     link->silent = true;
     return fail(link, "no answer");
@@ -37,6 +32,20 @@ constexpr size_t kMostBytes = 16 << 20;
 
 /** An answer that comes so far within kAnswerMs has as long again: half of what is read at once. */
 constexpr size_t kProgressBytes = 8 << 10;
+
+/** Of a reply that is not complete. A whole line that still stands says how long a text will be, which is not waited
+ * for. */
+bool is_too_large(const redisReader *reader) {
+    char *end = nullptr;
+    const int64_t claimed = strtoll(reader->buf + reader->pos, &end, 10);
+    const bool is_line = strncmp(end, "\r\n", 2) == 0;
+    return reader->len > kMostBytes || (is_line && claimed > static_cast<int64_t>(kMostBytes));
+}
+
+bool fail_too_large(Link *link) {
+    link->too_large = true;
+    return fail(link, "an answer without end");
+}
 
 /** An array is allocated at the length that the server claims, before any of it has come. */
 constexpr size_t kMostElements = 1 << 22;
@@ -253,7 +262,7 @@ bool link_receive(Link *link) {
         if (redisGetReplyFromReader(link->context, &reply) != REDIS_OK)
             return library_failed(link);
         if (!reply)
-            return link->context->reader->len <= kMostBytes || fail_too_large(link);
+            return !is_too_large(link->context->reader) || fail_too_large(link);
         const bool taken = dispatch(link, static_cast<redisReply *>(reply));
         if (reply != link->answer)
             freeReplyObject(reply);
