@@ -8,30 +8,32 @@ from link_records import vlan
 
 from network import raise_queue_length
 
-FAILED = "3 416 399816 <VYRWRAP>:vyrwrap_send_to_routing_app : Send to Routing APP(fd:{}) failed. rc: -1 errno: {}"
+FAILED = "3 416 399816 <VYRWRAP>:vyrwrap_send_to_routing_app : Send to Routing APP(fd:"
 SHORT_QUEUE = 64
 
 
-def _send_failed(world, error):
-    """The line with the daemon's descriptor."""
-    line = world.ap.log.find("Send to Routing APP(fd:", world.mark) or ""
-    descriptor = line.partition("(fd:")[2].partition(")")[0]
-    return FAILED.format(descriptor or "N", error)
+class Unreached(Fault):
+    """Sending to it fails, which the log says each time."""
+    error = ""
+
+    def meanwhile(self, world):
+        self.world = world
+        world.change()
+
+    def promised(self, doing):
+        if doing.starts:  # it follows nothing yet that it would tell
+            self.world.ap.wait_ready(30)
+            return []
+        line = self.world.ap.log.wait(FAILED, self.world.mark, 30)
+        descriptor = line.partition("(fd:")[2].partition(")")[0]
+        return [f"{FAILED}{descriptor}) failed. rc: -1 errno: {self.error}"]
 
 
-class Absent(Fault):
-    name, title = "application-absent", "application absent"
+class Absent(Unreached):
+    name, title, error = "application-absent", "application absent", "111 (Connection refused)"
 
     def strike(self, world):
         world.ap.application.kill()
-
-    def meanwhile(self, world):
-        world.change()
-        time.sleep(2)
-        self.line = _send_failed(world, "111 (Connection refused)")
-
-    def promised(self, doing):
-        return [] if doing.starts else [self.line]  # it follows nothing yet that it would tell
 
 
 class Stopped(Fault):
@@ -53,8 +55,9 @@ class Stopped(Fault):
             world.ap.application.wait(vlan(4, 100 + world.counter), self.mark)
 
 
-class QueueFull(Fault):
-    name, title = "queue-full", "application's queue full"
+class QueueFull(Unreached):
+    name, title, error = "queue-full", "application's queue full", "11 (Resource temporarily unavailable)"
+    more = range(4000, 4000 + SHORT_QUEUE)  # VLANs that are there as long as it lasts, so that nothing stands for two
 
     def prepare(self, world):
         raise_queue_length(SHORT_QUEUE)
@@ -63,17 +66,13 @@ class QueueFull(Fault):
         world.ap.application.process.signal(signal.SIGSTOP)
 
     def meanwhile(self, world):
-        for _ in range(SHORT_QUEUE):
-            world.ap.set_vlan(4000)
-            world.ap.delete_vlan(4000)
-        world.change()
-        time.sleep(2)
-        self.line = _send_failed(world, "11 (Resource temporarily unavailable)")
-
-    def promised(self, doing):
-        return [] if doing.starts else [self.line]  # it follows nothing yet that it would tell
+        for number in self.more:
+            world.ap.set_vlan(number)
+        super().meanwhile(world)
 
     def end(self, world):
+        for number in self.more:
+            world.ap.delete_vlan(number)
         world.ap.application.process.signal(signal.SIGCONT)
 
 

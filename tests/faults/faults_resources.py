@@ -8,6 +8,7 @@ from pathlib import Path
 from faults_files import Locked
 
 from fault import Fault
+from strike import LIBRARY
 from world import DEFAULT_ROUTE
 
 DAEMON = Path("/korva/bin/vyrwrap")
@@ -31,7 +32,7 @@ class NoDescriptors(Locked):
         else:
             self.program = os.readlink(DAEMON)
             DAEMON.unlink()
-            DAEMON.write_text(f"#!/bin/sh\nulimit -n {AT_START}\nexec {self.program}\n")
+            DAEMON.write_text(f"#!/bin/sh\nulimit -S -n {AT_START}\nLD_PRELOAD={LIBRARY} exec {self.program}\n")
             DAEMON.chmod(0o755)
 
     def meanwhile(self, world):

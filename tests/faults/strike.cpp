@@ -1,5 +1,6 @@
 /*
- * Loaded into the daemon by the fault tests: stops it at a call that they name, and refuses it forks.
+ * Loaded into the daemon by the fault tests: stops it at a call that they name, and refuses it forks. A limit of its
+ * descriptors is over when it ends.
  *
  * They steer it through a file that is mapped on both sides. Other programs, the daemon's children among them, are left
  * alone.
@@ -13,6 +14,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -55,6 +57,15 @@ Function *next(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
+/** The sanitizers look for leaks at the very end, and need descriptors for that. */
+void allow_descriptors() {
+    struct rlimit limit;
+    if (!is_daemon() || getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 __attribute__((constructor)) void begin() {
     unsetenv("LD_PRELOAD");
     const char *path = getenv("STRIKE_FILE");
@@ -67,6 +78,7 @@ __attribute__((constructor)) void begin() {
         return;
     orders = static_cast<Orders *>(place);
     daemon_pid = getpid();
+    atexit(allow_descriptors);
 }
 
 }  // namespace
