@@ -16,7 +16,7 @@ from world import DEFAULT_ROUTE
 PROGRAM = Path("/korva/bin/vyr")
 ORDER = Path(idle_vyr.ORDER)
 
-# What a process ignores if it does nothing about it, and what only stops it, which is the row of a hanging one.
+# What a process ignores if it does nothing about it, and what only stops it.
 HARMLESS = {signal.SIGCHLD, signal.SIGCONT, signal.SIGURG, signal.SIGWINCH}
 STOPPING = {signal.SIGSTOP, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU}
 
@@ -95,9 +95,10 @@ class Missing(StandIn):
 
 
 class Killed(StandIn):
-    """By each signal in turn. The daemon ends with its number; who looks after it starts it again."""
+    """By each signal in turn. The daemon ends with its number; who looks after it starts it again. After one that only
+    stops it goes on at once; the row of a hanging one is that of a long stop."""
     name, title = "vyr-killed", "vyr killed by each signal"
-    rounds = sorted(signal.valid_signals() - STOPPING)
+    rounds = sorted(signal.valid_signals())
 
     def strike(self, world):
         world.wait_vyr()
@@ -105,14 +106,18 @@ class Killed(StandIn):
         world.signal_vyr(self.round)
 
     def meanwhile(self, world):
-        if self.round in HARMLESS:
+        if self.round == signal.SIGSTOP:  # the others of its kind do nothing to a process group without a shell
+            wait_for(lambda: state(self.vyr) == "T", "vyr is stopped")
+        if self.round in STOPPING:
+            world.signal_vyr(signal.SIGCONT)
+        if self.round in HARMLESS | STOPPING:
             return
         wait_for(lambda: state(self.vyr) is None, "vyr has been reaped")
         world.ap.redis.set(DEFAULT_ROUTE, 1)  # has the timer's handler run
         self.expect_record(world)
 
     def statuses_in(self, doing):
-        if self.round in HARMLESS:
+        if self.round in HARMLESS | STOPPING:
             return None
         # the end of a reload's command behind that of vyr has the signal forgotten
         return (int(self.round), STATUS_VYR_ENDED) if doing.reloads else (int(self.round),)
