@@ -106,9 +106,8 @@ class Killed(StandIn):
         world.signal_vyr(self.round)
 
     def meanwhile(self, world):
-        if self.round == signal.SIGSTOP:  # the others of its kind do nothing to a process group without a shell
-            wait_for(lambda: state(self.vyr) == "T", "vyr is stopped")
         if self.round in STOPPING:
+            wait_for(lambda: state(self.vyr) == "T", "vyr is stopped")
             world.signal_vyr(signal.SIGCONT)
         if self.round in HARMLESS | STOPPING:
             return

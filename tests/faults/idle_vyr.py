@@ -6,6 +6,7 @@ import os
 import resource
 import signal
 import socket
+import time
 
 DATA_SOCKET = "/tmp/bird_data_exp.ctl"
 ORDER = "/run/lab-vyr-status"
@@ -14,8 +15,10 @@ READY = "/run/lab-vyr-ready"
 
 def take_hangup():
     """A reload is nothing to it; from anybody but the daemon the signal kills it, as any other."""
-    taken = signal.sigtimedwait({signal.SIGHUP}, 0.01)
-    if taken and taken.si_pid != os.getppid():
+    time.sleep(0.01)
+    if signal.SIGHUP not in signal.sigpending():  # sigtimedwait makes one up where a stop outlasts its time
+        return
+    if signal.sigwaitinfo({signal.SIGHUP}).si_pid != os.getppid():
         signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGHUP})
         signal.raise_signal(signal.SIGHUP)
 
