@@ -131,6 +131,7 @@ TEST_F(RedistVlansTest, TheListTakes4096IdsAndNoMore) {
     EXPECT_EQ(oapCfg_g.redist_vlans[4095], 4095U % 9 + 1);
     EXPECT_EQ(oapCfg_g.bAggEnable, 0x5a);
     const Texts texts = fake::log_texts(3);
+    ASSERT_GE(texts.size(), 2U);
     EXPECT_EQ(Texts(texts.end() - 2, texts.end()),
               (Texts{invalid("0"),
                      "<VYRWRAP>: vyrwrap_update_redistvlan_oap_config_from_key: 2 vlans beyond the first 4096 left "
