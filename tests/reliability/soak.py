@@ -23,7 +23,6 @@ from soak_watch import open_files, wait_usual
 from store_model import read_store, wait_equal
 
 from lab import LEVEL_KEY, REDIS_SOCKET, AccessPoint
-from process import child_of
 
 CHANGES_PER_SECOND = 10
 DEADLY = "routing daemon killed"  # the daemon ends with it

@@ -12,7 +12,7 @@ import redis
 from stand_in import EventPeer
 
 from application_keys import tunnel_key
-from lab import EXPORT_FILE, LEVEL_KEY, LIMIT_CHANNEL, REDIS_SOCKET, ROOT, VYR_LEVEL_KEY, AccessPoint, wait_for
+from lab import EXPORT_FILE, LEVEL_KEY, LIMIT_CHANNEL, ROOT, VYR_LEVEL_KEY, AccessPoint, wait_for
 
 GUIDE = ROOT / "docs" / "operating.md"
 PASSWORD = "taken from the file"

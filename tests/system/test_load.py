@@ -1,5 +1,6 @@
 """Many changes: nothing is left behind in processes, descriptors and memory."""
 
+from pathlib import Path
 
 import pytest
 
