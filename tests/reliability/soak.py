@@ -32,6 +32,7 @@ OVERFLOW_EVERY = 10  # checks
 SETTLE_SECONDS = 150  # audits once a minute, 10 s until a second one agrees, attempts up to 10 s apart, a reload
 ROOM_KIB = 1024  # of private memory: the C library keeps what was freed, an export's buffer of 1 MiB among it
 ROOM_IN_USE_KIB = 64  # while the store is empty: each of four connections keeps up to 16 KiB for answers
+NO_THREAD_CACHE = "glibc.malloc.tcache_count=0"  # what is freed into it would still count as in use
 TMP_SIZE = "64m"
 LOG = Path("/run/lab/soak.log")  # not where /tmp is full
 _TRIMMED = (LOG, Path("/tmp/rpapp.out"), Path("/tmp/vyrwrap.err"))
@@ -72,7 +73,8 @@ class Soak:
 
     def _launch(self):
         """Starts the daemon, and the application where it does not run; it tells that of everything."""
-        self._access_point.start_daemon(KORVA_LOG=f"file:{LOG}", ASAN_OPTIONS="quarantine_size_mb=1")
+        self._access_point.start_daemon(KORVA_LOG=f"file:{LOG}", ASAN_OPTIONS="quarantine_size_mb=1",
+                                        GLIBC_TUNABLES=NO_THREAD_CACHE)
         self._access_point.wait_ready()
         if not self._access_point.application.process:
             self._access_point.application.start()
