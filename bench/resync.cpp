@@ -21,6 +21,9 @@ constexpr int kHashesIn = 10; /**< every tenth key is a hash of so many fields *
 constexpr int kFields = 13;
 constexpr int kRounds = 15;
 constexpr size_t kBigValue = 100000;
+constexpr int kHugeValues = 4;
+constexpr size_t kHugeValue = 15 << 20;
+constexpr int kManyFields = 100000;
 constexpr char kCommand[] = "PSUBSCRIBE __keyspace@0__:/op/*";
 
 dal_ctx *ctx;
@@ -36,9 +39,14 @@ void settle(int commands) {
         next_reply(server);
 }
 
+/** From here on the client is told of no change. */
+void silence() {
+    command(server, "CONFIG SET notify-keyspace-events %s", "");
+}
+
 /** Gives every key a value in which `round` can be seen, behind the client's back. */
 void fill(int keys, int round) {
-    command(server, "CONFIG SET notify-keyspace-events %s", "");
+    silence();
     for (int i = 0; i < keys; i++) {
         if (i % kHashesIn != 0) {
             redisAppendCommand(server, "SET /op/staticroute/{10.%d.%d.0:255.255.255.0:1:192.168.10.2} %d", i / 256,
@@ -53,11 +61,18 @@ void fill(int keys, int round) {
     settle(keys);
 }
 
-void fill_big(int keys) {
-    const std::string value(kBigValue, 'x');
+void fill_values(const char *kind, int keys, const std::string &value) {
+    silence();
     for (int i = 0; i < keys; i++)
-        redisAppendCommand(server, "SET /op/big/%d %b", i, value.data(), value.size());
+        redisAppendCommand(server, "SET /op/%s/%d %b", kind, i, value.data(), value.size());
     settle(keys);
+}
+
+void fill_hash() {
+    silence();
+    for (int field = 0; field < kManyFields; field++)
+        redisAppendCommand(server, "HSET /op/hash field_%d value_%d", field, field);
+    settle(kManyFields);
 }
 
 void open_context() {
@@ -94,7 +109,9 @@ void subscribe_and_print(int keys) {
 void compare_and_print(const char *what, int deliveries, int rounds = 1) {
     double slowest_ms = 0;
     loop::longest_us = 0;
-    const auto over = [] { return ctx->audit.phase == dal::AuditPhase::none && !ctx->waiting.first; };
+    const auto over = [] {
+        return ctx->audit.phase == dal::AuditPhase::none && !ctx->audit.wanted && !ctx->waiting.first;
+    };
     for (int round = 0; round < rounds; round++) {
         delivered = 0;
         const int64_t begin = monotonic_us();
@@ -121,9 +138,18 @@ int main(int argc, char **argv) {
     compare_and_print("comparison that finds nothing, slowest of 15", 0, kRounds);
     fill(keys, 1);
     compare_and_print("comparison that finds every key changed", keys);
-    fill_big(keys / 10);
+    fill_values("big", keys / 10, std::string(kBigValue, 'x'));
     compare_and_print("comparison that finds values of 100 kB, a tenth as many", keys / 10);
     compare_and_print("comparison over these that finds nothing", 0);
+    fill_values("huge", kHugeValues, std::string(kHugeValue, 'x'));
+    compare_and_print("comparison that finds 4 values of 15 MiB", kHugeValues);
+    compare_and_print("comparison over these that finds nothing, slowest of 15", 0, kRounds);
+    silence();
+    command(server, "DEL /op/huge/0 /op/huge/1 /op/huge/2 /op/huge/3");
+    compare_and_print("comparison that finds these gone", kHugeValues);
+    fill_hash();
+    compare_and_print("comparison that finds a hash of 100,000 fields", 1);
+    compare_and_print("comparison over it that finds nothing, slowest of 15", 0, kRounds);
     dal::context_free(ctx);
     return 0;
 }
