@@ -50,8 +50,8 @@ std::string_view take_member(std::string_view *bytes, uint64_t tag) {
     HOLDS(take_number(bytes) == (tag << 3 | 2));
     const uint64_t length = take_number(bytes);
     HOLDS(length <= bytes->size());
-    const std::string_view member = bytes->substr(0, length);
-    bytes->remove_prefix(length);
+    const std::string_view member = bytes->substr(0, static_cast<size_t>(length));
+    bytes->remove_prefix(member.size());
     return member;
 }
 

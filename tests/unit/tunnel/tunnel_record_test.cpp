@@ -330,11 +330,13 @@ TEST_F(TunnelRecordTest, EachFieldFillsItsOwnPartOfTheRecordOnly) {
     const OwnedDalList list(request.kvlist);
     std::string sum(sizeof(vpninfo), '\0');
     for (int field = 0; field < kTunnelFieldCount; field++) {
-        std::string record(sizeof(vpninfo), '\0');
-        EXPECT_EQ(get_tun_field_from_kvlist("t", list.get(), field, reinterpret_cast<vpninfo *>(record.data())), 1);
-        for (size_t i = 0; i < record.size(); i++) {
-            EXPECT_TRUE(record[i] == '\0' || sum[i] == '\0') << "field " << field << " byte " << i;
-            sum[i] = static_cast<char>(sum[i] | record[i]);
+        vpninfo record;
+        memset(&record, 0, sizeof record);
+        EXPECT_EQ(get_tun_field_from_kvlist("t", list.get(), field, &record), 1);
+        const std::string_view bytes(reinterpret_cast<const char *>(&record), sizeof record);
+        for (size_t i = 0; i < bytes.size(); i++) {
+            EXPECT_TRUE(bytes[i] == '\0' || sum[i] == '\0') << "field " << field << " byte " << i;
+            sum[i] = static_cast<char>(sum[i] | bytes[i]);
         }
     }
     EXPECT_EQ(memcmp(sum.data(), &whole, sizeof whole), 0);
