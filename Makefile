@@ -62,7 +62,7 @@ arm: build
 	@cmake --preset arm --log-level=WARNING >/dev/null
 	@$(CMAKE_BUILD) build/arm
 	@packaging/arm/musl-check $(ARM_SYSROOT) build/arm
-	@packaging/arm/sizes build/arm
+	@packaging/arm/sizes $(ARM_SYSROOT) build/arm
 	@/usr/bin/python3 -B packaging/arm/stack.py build/arm
 	@$(CTEST) --test-dir build/arm --label-regex unit
 	@packaging/arm/memory $(ARM_SYSROOT) build/arm build

@@ -4,11 +4,12 @@
 
 /*
  * An export takes two blocks of up to 1 MiB. Given back to the system after each one, they come page by page the next
- * time, which takes longer than the export itself.
+ * time, which takes longer than the export itself. Where addresses are short memory is too: there they are given back,
+ * and the C library is told so, because it would keep more once it has seen a large block.
  */
-void keep_freed_memory() {
+void choose_memory_kept() {
 #ifdef __GLIBC__  // others have no such thresholds
-    constexpr int kMostKept = 4 * 1024 * 1024;
+    constexpr int kMostKept = sizeof(void *) > 4 ? 4 * 1024 * 1024 : 128 * 1024;
     mallopt(M_MMAP_THRESHOLD, kMostKept);
     mallopt(M_TRIM_THRESHOLD, kMostKept);
 #endif

@@ -49,7 +49,7 @@ void keep_inherited_descriptors_to_us() {
 }  // namespace
 
 int prepare_process() {
-    keep_freed_memory();
+    choose_memory_kept();
     reserve_stack();
     if (open_stdio() < 0)
         return -1;

@@ -27,7 +27,7 @@ ELSEWHERE = (
               proof=(("Makefile", "packaging/arm/lab $(ARM_SYSROOT) build/arm build lab/demo"),)),
     Elsewhere("make arm", "as ./run arm", proof=(("Makefile", "@$(CTEST) --test-dir build/arm --label-regex unit"),)),
     *(Elsewhere(command, "is a part of make arm", proof=(("Makefile", part),)) for command, part in (
-        ("packaging/arm/sizes build/arm", "@packaging/arm/sizes build/arm"),
+        ("packaging/arm/sizes build/arm-sysroot build/arm", "@packaging/arm/sizes $(ARM_SYSROOT) build/arm"),
         ("python3 packaging/arm/stack.py build/arm", "packaging/arm/stack.py build/arm"),
         ("packaging/arm/memory build/arm-sysroot build/arm build", "@packaging/arm/memory $(ARM_SYSROOT) build/arm build"),
         ("packaging/arm/musl-check build/arm-sysroot build/arm", "@packaging/arm/musl-check $(ARM_SYSROOT) build/arm"))),
