@@ -35,6 +35,27 @@ cmp /tmp/expected /tmp/vyr_static.conf || fail "the store's one route is not in 
 for file in /tmp/vyr.conf /tmp/vyr_log.conf /tmp/vyr_app.conf; do
     [ -s $file ] || fail "$file was not written"
 done
+for line in 'local mac "02:02:02:02:02:02";' 'local serial "STUB000001";'; do
+    grep -qF "$line" /tmp/vyr_oap.conf || fail "the overlay's file does not say $line"
+done
+
+# Started with none of the three, and held at a template that nobody has written yet.
+rm /etc/bird/vyr_oap.conf /tmp/vyr.conf
+mkfifo /etc/bird/vyr_oap.conf
+"$@" <&- >&- 2>&- &
+daemon=$!
+tries=0
+until [ -s /tmp/vyr.conf ]; do
+    tries=$((tries + 1))
+    [ $tries -lt 200 ] || fail "without standard descriptors the daemon does not start"
+    sleep 0.05
+done
+for fd in 0 1 2; do
+    [ "$(readlink /proc/$daemon/fd/$fd)" = /dev/null ] || fail "descriptor $fd was closed, and is not /dev/null"
+done
+# shellcheck disable=SC2016  # the inner shell's
+timeout 20 sh -c 'cat "$1" >/etc/bird/vyr_oap.conf' sh "$templates/vyr_oap.conf"
+wait $daemon || fail "without standard descriptors the daemon ended with $?"
 
 rm /etc/bird/vyr.conf
 status=0

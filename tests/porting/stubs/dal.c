@@ -1,11 +1,17 @@
-/* A store with one key, which never changes. */
+/* A store with two keys, a route and that the overlay is on; they never change. */
 #include "platform/dal.h"
 
 #include <stdlib.h>
 #include <string.h>
 
-static const char kKey[] = "/op/staticroute/{10.1.0.0:255.255.0.0:1:192.168.10.2}";
-static const char kValue[] = "5";
+static const struct Pair {
+    const char *key;
+    const char *value;
+} kStore[] = {
+    {"/op/staticroute/{10.1.0.0:255.255.0.0:1:192.168.10.2}", "5"},
+    {"/config/vyr/oap/proto_oap_enable", "\1"},
+};
+static const struct Pair *const kRoute = &kStore[0];
 
 struct dal_ctx {
     dal_evloop_ctx *evloop;
@@ -48,6 +54,13 @@ int dal_sub_command(dal_ctx *ctx, dal_sub_callback callback, void *arg, const ch
     return ctx ? 0 : -1;
 }
 
+static const struct Pair *find(const char *key, uint32_t length) {
+    for (size_t i = 0; i < sizeof kStore / sizeof kStore[0]; i++)
+        if (length == strlen(kStore[i].key) && memcmp(key, kStore[i].key, length) == 0)
+            return &kStore[i];
+    return NULL;
+}
+
 /* Copies what fits, without a terminator. */
 static void give(const char *text, void *value, uint32_t *length) {
     if (strlen(text) < *length)
@@ -56,9 +69,10 @@ static void give(const char *text, void *value, uint32_t *length) {
 }
 
 int dal_get(dal_ctx *ctx, const char *key, uint32_t key_len, void *value, uint32_t *value_len) {
-    if (!ctx || key_len != strlen(kKey) || memcmp(key, kKey, key_len) != 0)
+    const struct Pair *pair = find(key, key_len);
+    if (!ctx || !pair)
         return -1;
-    give(kValue, value, value_len);
+    give(pair->value, value, value_len);
     return 0;
 }
 
@@ -86,10 +100,10 @@ static dal_kv *make_entry(void) {
     dal_kv *entry = calloc(1, sizeof *entry);
     if (!entry)
         return NULL;
-    entry->key = strdup(kKey);
-    entry->value = strdup(kValue);
-    entry->key_len = (uint32_t)strlen(kKey);
-    entry->value_len = (uint32_t)strlen(kValue);
+    entry->key = strdup(kRoute->key);
+    entry->value = strdup(kRoute->value);
+    entry->key_len = (uint32_t)strlen(kRoute->key);
+    entry->value_len = (uint32_t)strlen(kRoute->value);
     return entry;
 }
 
@@ -115,8 +129,10 @@ int dal_mget_by_wildcard(dal_ctx *ctx, const char *pattern, List *kvlist, dal_ct
 }
 
 int dal_is_key_exist(dal_ctx *ctx, const char *key, uint32_t key_len, int *exists) {
-    *exists = key_len == strlen(kKey) && memcmp(key, kKey, key_len) == 0;
-    return ctx ? 0 : -1;
+    if (!ctx)
+        return -1;
+    *exists = find(key, key_len) != NULL;
+    return 0;
 }
 
 void dal_free_slist(List *list) {
