@@ -25,8 +25,7 @@ bool is_dev_null(int fd) {
     return fstat(fd, &status) == 0 && stat("/dev/null", &expected) == 0 && status.st_rdev == expected.st_rdev;
 }
 
-/** Whether the stack has a page of its own at or a little beyond the depth of an event's buffer. An emulator maps it
- * all. */
+/** Whether the stack has a page in use as deep as an event's buffer or deeper. An emulator maps all of it at once. */
 bool stack_reaches_an_event() {
     constexpr size_t kEvent = size_t{1024} * 1024;
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
