@@ -59,7 +59,7 @@ fuzz-coverage: build/fuzz-coverage/build.ninja
 ARM_SYSROOT = build/arm-sysroot
 # make leaves the signals 32 and 33, the C library's own, ignored in what it starts. A program under qemu cannot undo that for
 # its children, as the daemon does, since qemu has other numbers for these: so it is undone before (13 is rt_sigaction).
-DEFAULT_SIGNALS = perl -e 'syscall(13, $$_, "\0" x 32, 0, 8) for 32, 33; exec @ARGV or exit 127'
+DEFAULT_SIGNALS = perl -e '$$default = "\0" x 32; syscall(13, $$_, $$default, 0, 8) for 32, 33; exec @ARGV or exit 127'
 arm: build
 	@packaging/arm/sysroot $(ARM_SYSROOT)
 	@cmake --preset arm --log-level=WARNING >/dev/null
