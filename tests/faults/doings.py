@@ -5,10 +5,12 @@ import time
 
 from lab import EXPORT_FILE, route_key
 from messages import request
+from strike import state
 from wait import wait_for
 from world import DEFAULT_ROUTE, NEXT_HOP
 
 FIRST_EXPORT = 3  # request code of export type 0
+SCANNED = "subscribed dal for (PSUBSCRIBE __keyspace@0__:/op/vlans/route_redistributed_vlans) done"  # right behind it
 
 
 class Doing:
@@ -46,13 +48,21 @@ class Scanning(Doing):
     name, title, routes, reloads = "scanning", "scanning 272 routes", 272, True
 
     def enter(self, world):
+        while not self.caught(world):
+            world.strike.disarm()
+
+    @staticmethod
+    def caught(world):
+        """Returns false where the timer ran by itself, before the daemon could be stopped."""
         mark = world.ap.log.mark()
         for kind in ("normal", "pubsub"):
             world.ap.redis.execute_command("CLIENT", "KILL", "TYPE", kind, "SKIPME", "yes")
         world.ap.log.wait("answers again", mark, 15)
         world.strike.at("write", b"MGET\r\n")
         world.ap.redis.set(DEFAULT_ROUTE, 1)  # has the timer's handler run, which subscribes and scans again
-        world.wait_stopped()
+        wait_for(lambda: world.stopped() or world.ap.log.find(SCANNED, mark),
+                 lambda: f"the daemon stops, or has scanned; it is {state(world.pid)}", 25, every=0.002)
+        return world.stopped()
 
 
 class Replaying(Doing):
