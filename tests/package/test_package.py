@@ -11,6 +11,7 @@ from network import kernel_routes
 from process import wait_until_gone
 
 SECOND_INSTANCE = 69
+CONFIG_FILES = ("vyr.conf", "vyr_app.conf", "vyr_log.conf", "vyr_oap.conf", "vyr_static.conf")
 
 
 def wait_started(service, errors):
@@ -55,6 +56,13 @@ def test_the_main_job_from_installation_to_removal(root, empty, installed, servi
     left = {path for path in root.contents() - empty if not path.startswith(kept)}
     assert left == {"var/log/korvalog"}
     root.purge(*NAMES)
+    assert root.contents() - empty == set()
+
+
+def test_removal_takes_what_a_killed_daemon_left_behind(root, empty, installed):
+    for name in ("vyr_config_dirty_flag", *(f"{file}.new" for file in CONFIG_FILES)):
+        (installed.path / "tmp" / name).touch()
+    root.purge(*reversed(NAMES))
     assert root.contents() - empty == set()
 
 
