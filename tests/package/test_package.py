@@ -1,5 +1,6 @@
 """The packages, installed into an empty root, and the service in it as its unit says."""
 
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -122,6 +123,14 @@ def test_cleaning_tmp_by_age_leaves_the_daemons_files(installed):
     subprocess.run(["systemd-tmpfiles", f"--root={installed.path}", "--clean"], check=True)
     left = {str(path.relative_to(installed.path / "tmp")) for path in (installed.path / "tmp").rglob("*")}
     assert left == {*ours, ".sock"}
+
+
+def test_links_of_the_installed_documents_lead_to_installed_files(installed):
+    documents = list((installed.path / "usr/share/doc/vyrwrap").glob("*.md"))
+    links = [(document, link) for document in documents
+             for link in re.findall(r"\]\(([^)#\s]+)[)#]", document.read_text()) if "://" not in link]
+    assert len(links) > 10
+    assert [link for document, link in links if not (document.parent / link).exists()] == []
 
 
 def test_installation_makes_the_folders_that_the_daemon_needs(installed):
