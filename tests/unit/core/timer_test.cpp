@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ostream>
 
 #include "fakes/fakes.h"
 
@@ -353,6 +354,14 @@ struct Finding {
     uint8_t default_route_changed;
     bool flag_file;
 };
+
+/* The test library would show their bytes, those between the members too, which nobody has set. */
+void PrintTo(const End &end, std::ostream *out) {
+    *out << end.how;
+}
+void PrintTo(const Finding &finding, std::ostream *out) {
+    *out << finding.what;
+}
 
 class TimerEndTest : public TimerTest, public testing::WithParamInterface<std::tuple<End, Finding>> {};
 
