@@ -355,6 +355,17 @@ TEST_F(MrtExportTest, ARoutingDaemonThatReturnsServesTheNextExport) {
     EXPECT_EQ(fake::read_file(kExportPath), body);
 }
 
+TEST_F(MrtExportTest, AnAnswerThatComesTooLateIsTakenForTheNextExports) {
+    const std::string late = fake::answer(2, "late");
+    answer_.clear();
+    vyrwrap_send_mrt_request_to_vyr(3);
+    EXPECT_EQ(fake::read_file(kExportPath), "(no file)");
+    peer_.send(fake::frame(late));
+    answer_with(fake::answer(2, "in time"));
+    vyrwrap_send_mrt_request_to_vyr(3);
+    EXPECT_EQ(fake::read_file(kExportPath), late);
+}
+
 TEST_F(MrtExportTest, AHundredExportsLeaveNoDescriptorOpen) {
     vyrwrap_send_mrt_request_to_vyr(3);
     const int before = fake::next_descriptor();

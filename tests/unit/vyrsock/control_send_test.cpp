@@ -145,4 +145,13 @@ TEST_F(ControlSendTest, APeerThatWentAwayIsAWriteError) {
     EXPECT_GT(vyrwrap_global.ctl_sock_fd, 2);
 }
 
+TEST_F(ControlSendTest, APeerThatWentAwayIsNotConnectedToAgainBeforeItsEndIsSeen) {
+    fake::Peer peer = connected();
+    peer.close_now();
+    EXPECT_EQ(vyrwrap_send_to_vyr("abc", 3), 0);
+    EXPECT_EQ(vyrwrap_send_to_vyr("abc", 3), 0);
+    vyrwrap_close_vyr_data_socket();  // as when the routing daemon is reaped
+    EXPECT_EQ(vyrwrap_send_to_vyr("abc", 3), 1);
+}
+
 }  // namespace
