@@ -126,12 +126,13 @@ void advance(uint32_t ms) {
 }
 
 bool run_until(const std::function<bool()> &condition, int limit_ms) {
-    const int64_t end = real_now() + limit_ms;
+    int64_t idle_us = 0;
     while (!condition()) {
-        if (real_now() > end)
+        if (idle_us > int64_t{limit_ms} * 1000)
             return false;
-        if (!run_due_timers())
-            run_inputs(1);
+        const int64_t begin = now_us();
+        if (!run_due_timers() && !run_inputs(1))
+            idle_us += now_us() - begin;
     }
     return true;
 }

@@ -19,7 +19,7 @@ Dispatcher *reset();
 /** Turns the clock forward: timers that are due by then run in the next turn. */
 void advance(uint32_t ms);
 
-/** Runs the loop until the condition holds. Returns whether it did within `limit_ms` of real time. */
+/** Runs the loop until the condition holds. Returns whether it did before it was idle for `limit_ms` in all. */
 bool run_until(const std::function<bool()> &condition, int limit_ms = 10000);
 
 /** Runs the loop for as long as anything is ready at once. */
