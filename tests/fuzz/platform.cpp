@@ -209,7 +209,7 @@ void log_sink_write(int level, int module, int message_id, const char *text) {
     if (level != LOG_LEVEL_ERROR)
         return;
     const size_t length = strlen(text);
-    memcpy(error_text, text, length);
+    memcpy(error_text, text, length + 1);
     last_error = {error_text, length};
 }
 
