@@ -28,6 +28,7 @@ constexpr char kPatterns[] = "__keyspace@0__:/op/a* __keyspace@0__:/op/b";
 constexpr int kKeyCount = 2;
 constexpr std::string_view kKeys[kKeyCount] = {"/op/a", "/op/b"};
 constexpr int kArgumentMax = 16;
+constexpr char kTooLarge = '3'; /**< a value that stands for one of which the client reads only how long it is */
 
 /** What the server holds under a key. */
 enum class Kind : uint8_t { none, string, hash };
@@ -104,9 +105,16 @@ Held held_under(std::string_view key) {
     return {Kind::none, 0};
 }
 
+void send_held(Stream *to, const Held &each) {
+    if (each.value == kTooLarge)
+        send(to, "$16777217\r\n3");
+    else
+        send_bulk(to, {&each.value, 1});
+}
+
 void send_value(Stream *to, const Held &each, Kind wanted) {
     if (each.kind == wanted)
-        send_bulk(to, {&each.value, 1});
+        send_held(to, each);
     else
         send(to, "$-1\r\n");
 }
@@ -125,7 +133,7 @@ bool answer_of_key(Stream *to, std::string_view name, const Held &each) {
     else if (same(name, "HGETALL")) {
         send(to, each.kind == Kind::none ? "*0\r\n" : "*2\r\n$1\r\nf\r\n");
         if (each.kind == Kind::hash)
-            send_bulk(to, {&each.value, 1});
+            send_held(to, each);
     } else if (is_get || is_hash_command)
         send_value(to, each, is_get ? Kind::string : Kind::hash);
     else
@@ -436,14 +444,18 @@ void check_state(const dal_ctx *ctx) {
         HOLDS(is_open_socket(inputs[i].fd));
 }
 
+/** Of a value that is too large nothing has to be told. */
+bool is_told_of(int i) {
+    if (read_since[i] || (held[i].kind != Kind::none && held[i].value == kTooLarge))
+        return true;
+    return told[i].kind == held[i].kind && (held[i].kind == Kind::none || told[i].value == held[i].value);
+}
+
 bool is_told(const dal_ctx *ctx) {
-    if (ctx->state != dal::State::up)
-        return false;
     for (int i = 0; i < kKeyCount; i++)
-        if (!read_since[i] &&
-            (told[i].kind != held[i].kind || (held[i].kind != Kind::none && told[i].value != held[i].value)))
+        if (!is_told_of(i))
             return false;
-    return true;
+    return ctx->state == dal::State::up;
 }
 
 /**
