@@ -103,10 +103,10 @@ coverage: build/coverage/build.ninja
 		--fail-under-branch 85 --print-summary build/coverage
 	@grep -v '100%' build/coverage/lines.txt
 
-# The tests of label unit under valgrind's memcheck.
+# The daemon's unit tests under valgrind's memcheck: about ten minutes.
 memcheck: build/memcheck/build.ninja
 	@$(CMAKE_BUILD) build/memcheck
-	@$(CTEST) --test-dir build/memcheck --label-regex unit
+	@$(CTEST) --test-dir build/memcheck --tests-regex '^unit\.'
 
 # Each allocation of the daemon's made to fail once in each unit test, at most LIMIT in one test.
 LIMIT ?= 100000

@@ -124,7 +124,7 @@ TEST_P(Commands, WaitInBoundedNumber) {
               "4 416 0 <COMMAND>: too many commands wait: \"echo 2 >> /tmp/command.out\" is left out\n"
               "4 416 0 <COMMAND>: too many commands wait: \"echo 3 >> /tmp/command.out\" is left out\n");
     std::ofstream("/tmp/go") << "";
-    EXPECT_TRUE(run_until([] { return wrote(17); }));
+    ASSERT_TRUE(run_until([] { return wrote(17); }));
     EXPECT_EQ(out()[1], "4");
     EXPECT_EQ(out()[16], "19");
 }
