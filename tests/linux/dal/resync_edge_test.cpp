@@ -107,7 +107,7 @@ TEST_F(DalEdge, MoreKeysGoneThanThereIsRoomForAreDeliveredAfterOneTime) {
     loop::advance(10000);
     ASSERT_TRUE(run_until_delivered(1));
     ASSERT_TRUE(run_until_compared());
-    EXPECT_EQ(delivered.size(), static_cast<size_t>(kKeys));
+    EXPECT_EQ(delivered.size(), static_cast<size_t>(kKeys)) << testing::PrintToString(loop::log_lines);
     EXPECT_EQ(loop::log_count("are gone; looking again"), 1U);
 }
 
