@@ -14,7 +14,7 @@ from store_model import differences, read_store
 from application_keys import cluster_fields, cluster_key, ipv4_node, tunnel_fields, tunnel_key, vlan_key
 from lab import EXPORT_FILE, LEVEL_KEY, LIMIT_CHANNEL, VYR_LEVEL_KEY, AccessPoint, route_key
 from logfile import LogFile
-from process import descriptors, resident_kib
+from process import children_of, descriptors, resident_kib
 from wait import Timeout, wait_for
 
 LOGS = Path("/run/lab-logs")
@@ -164,13 +164,9 @@ class World:
     def signal_vyr(self, number):
         os.kill(self.ap.vyr(), number)
 
-    def children(self):
-        """Those included that have ended and are still to be reaped."""
-        return Path(f"/proc/{self.pid}/task/{self.pid}/children").read_text().split()
-
     def wait_children(self):
-        wait_for(lambda: self.children() == [str(self.ap.vyr(0.5))],
-                 lambda: f"vyr is the only child; they are {[(c, state(c)) for c in self.children()]}", 20)
+        wait_for(lambda: children_of(self.pid) == [self.ap.vyr(0.5)],
+                 lambda: f"vyr is the only child; they are {[(c, state(c)) for c in children_of(self.pid)]}", 20)
 
     def wait_equal(self, seconds=EQUAL_SECONDS):
         """Until files, records and the kernel's table are what the store says. Nothing is changed for that."""
