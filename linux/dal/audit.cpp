@@ -4,6 +4,7 @@
  */
 #include <stdio.h>
 
+#include "linux/dal/answer.h"
 #include "linux/dal/audit_guard.h"
 #include "linux/dal/context.h"
 #include "linux/dal/glob.h"
@@ -33,12 +34,16 @@ bool choose_patterns(dal_ctx *ctx) {
     return any;
 }
 
-void close_link(dal_ctx *ctx) {
-    link_close(&ctx->auditor);
-    ctx->auditor.walk = nullptr;
+void end(dal_ctx *ctx) {
     walk_end(&ctx->audit.walk);
     notifications_free(&ctx->audit.findings);
+    ctx->audit.again_read = false;
     ctx->audit.phase = AuditPhase::none;
+}
+
+void close_link(dal_ctx *ctx) {
+    link_close(&ctx->auditor);
+    end(ctx);
 }
 
 void on_again_due(void *user_data) {
@@ -62,6 +67,13 @@ void give_up(dal_ctx *ctx, const char *reason) {
 
 void follow_walk(dal_ctx *ctx);
 
+/** The first finding that waits is read again. */
+void finish_again(dal_ctx *ctx, const Reading &reading) {
+    ctx->audit.phase = AuditPhase::none;
+    ctx->audit.again_read = true;
+    ctx->audit.again = reading;
+}
+
 /** Reads on, on a connection of its own again, without the value that is too large. */
 bool resume(dal_ctx *ctx) {
     link_close(&ctx->auditor);
@@ -71,10 +83,34 @@ bool resume(dal_ctx *ctx) {
     return true;
 }
 
+/** Whether it goes on though the link failed. */
+bool goes_on(dal_ctx *ctx) {
+    Link *link = &ctx->auditor;
+    switch (ctx->audit.phase) {
+        case AuditPhase::none:  // not needed at the moment
+            link_close(link);
+            return true;
+        case AuditPhase::walking:
+            return link->too_large && resume(ctx);
+        case AuditPhase::again:
+            if (link->too_large) {
+                link_close(link);
+                finish_again(ctx, {Found::too_large, false, kUnknownDigest});
+            } else if (link->silent) {
+                ctx->waiting.first->tried = true;
+            } else {
+                notifications_drop_findings(ctx);
+            }
+            return link->too_large;
+        default:
+            return false;
+    }
+}
+
 /** A server that does not answer is lost; that this one connection failed means no more than that. */
 void on_failed(Link *link) {
     dal_ctx *ctx = link->ctx;
-    if (link->too_large && ctx->audit.phase == AuditPhase::walking && resume(ctx))
+    if (goes_on(ctx))
         return;
     if (link->silent)
         context_lost(ctx, link->reason);
@@ -118,18 +154,6 @@ bool take_value(dal_ctx *ctx, Pattern *pattern, const WalkKey *key, const Readin
     return (known && known->digest == reading->digest) || add_finding(ctx, pattern, key->text, key->length, false);
 }
 
-/** Nothing is told of it before its value can be read again, or it is gone. */
-bool take_too_large(dal_ctx *ctx, Pattern *pattern, const WalkKey *key) {
-    KnownKey *known = known_put(&pattern->known, key->text, key->length, ctx->audit.number);
-    if (!known)
-        return false;
-    if (!known->too_large)
-        platform_warning("<DAL>: the value of %s is too large to be compared", key->text);
-    known->seen = ctx->audit.number;
-    known->too_large = true;
-    return true;
-}
-
 bool take(Walk *walk, const WalkKey *key, const Reading *reading) {
     auto *ctx = static_cast<dal_ctx *>(walk->user_data);
     bool complete = true;
@@ -139,7 +163,7 @@ bool take(Walk *walk, const WalkKey *key, const Reading *reading) {
         if (reading->found == Found::value)
             complete = take_value(ctx, pattern, key, reading) && complete;
         else if (reading->found == Found::too_large)
-            complete = take_too_large(ctx, pattern, key) && complete;
+            complete = knowledge_too_large(ctx, pattern, key->text, key->length) && complete;
     }
     return complete;
 }
@@ -227,12 +251,11 @@ void finish(dal_ctx *ctx) {
     notifications_append_all(ctx, &audit->findings);
     audit->said[0] = '\0';
     audit->wanted = audit->wanted || audit->cut;
-    close_link(ctx);
+    end(ctx);
 }
 
 /** Asks how the server stands. */
-bool ask_guard(dal_ctx *ctx, AuditPhase phase) {
-    ctx->audit.phase = phase;
+bool ask_guard(dal_ctx *ctx) {
     const Argument info = argument("INFO");
     return link_send(&ctx->auditor, Question::info, nullptr, {&info, 1});
 }
@@ -258,12 +281,34 @@ void follow_walk(dal_ctx *ctx) {
         return give_up(ctx, audit->walk.reason);
     const bool done = audit->walk.state == WalkState::done;
     const bool failed = audit->walk.state == WalkState::broken;
-    if (failed || (done && !ask_guard(ctx, AuditPhase::behind)))
+    if (done)
+        audit->phase = AuditPhase::behind;
+    if (failed || (done && !ask_guard(ctx)))
+        on_failed(&ctx->auditor);
+}
+
+bool ask_again(dal_ctx *ctx, bool as_hash) {
+    const Notification *finding = ctx->waiting.first;
+    ctx->audit.phase = AuditPhase::again;
+    ctx->audit.again.is_hash = as_hash;
+    const Argument arguments[] = {argument(as_hash ? "HGETALL" : "GET"), {key_of(finding), key_length_of(finding)}};
+    return link_send(&ctx->auditor, Question::value, nullptr, arguments);
+}
+
+void take_again(dal_ctx *ctx, const redisReply *reply) {
+    Audit *audit = &ctx->audit;
+    const bool second = audit->again.found == Found::other_type;
+    audit->again = answer_reading(&ctx->auditor, reply, audit->again.is_hash);
+    if (second || audit->again.found != Found::other_type)
+        finish_again(ctx, audit->again);
+    else if (!ask_again(ctx, !audit->again.is_hash))
         on_failed(&ctx->auditor);
 }
 
 void on_answer(Link *link, const Expected *expected, redisReply *reply) {
     dal_ctx *ctx = link->ctx;
+    if (ctx->audit.phase == AuditPhase::again)
+        return take_again(ctx, reply);
     switch (expected->question) {
         case Question::info:
             return take_guard(ctx, reply);
@@ -284,8 +329,9 @@ void begin(dal_ctx *ctx) {
     if (!choose_patterns(ctx))
         return;
     audit->number++;
+    audit->phase = AuditPhase::before;
     stop_timer(ctx, &audit->timer);
-    if (!link_open(&ctx->auditor, true) || !ask_guard(ctx, AuditPhase::before))
+    if (!link_open(&ctx->auditor, true) || !ask_guard(ctx))
         on_failed(&ctx->auditor);
 }
 
@@ -313,8 +359,27 @@ void audit_flushed(dal_ctx *ctx) {
 }
 
 void audit_settle(dal_ctx *ctx) {
-    if (ctx->audit.wanted && ctx->audit.phase == AuditPhase::none && ctx->state == State::up && !ctx->waiting.first)
+    if (ctx->audit.phase != AuditPhase::none || ctx->waiting.first)
+        return;
+    link_close(&ctx->auditor);
+    if (ctx->audit.wanted && ctx->state == State::up)
         begin(ctx);
+}
+
+const Reading *audit_read_again(dal_ctx *ctx, const Notification *finding) {
+    Audit *audit = &ctx->audit;
+    if (audit->again_read) {
+        audit->again_read = false;
+        return &audit->again;
+    }
+    if (audit->phase == AuditPhase::again)
+        return nullptr;
+    const KnownKey *known = known_find(&finding->pattern->known, key_of(finding), key_length_of(finding));
+    audit->phase = AuditPhase::again;
+    audit->again.found = Found::nothing;
+    if ((!ctx->auditor.context && !link_open(&ctx->auditor, true)) || !ask_again(ctx, known && known->is_hash))
+        on_failed(&ctx->auditor);
+    return nullptr;
 }
 
 void audit_flags_finished(dal_ctx *ctx) {

@@ -81,7 +81,7 @@ void context_settle(dal_ctx *ctx) {
 
 bool context_may_read(const Link *link) {
     const dal_ctx *ctx = link->ctx;
-    const bool adds = link == &ctx->subscriber || link == &ctx->auditor;
+    const bool adds = link == &ctx->subscriber || (link == &ctx->auditor && ctx->audit.phase != AuditPhase::again);
     return !adds || ctx->state != State::up || !ctx->waiting.first;
 }
 

@@ -89,6 +89,7 @@ enum class AuditPhase {
     before,  /**< whether the server is fit to be compared is asked, and the flags are looked after */
     walking, /**< keys are read */
     behind,  /**< whether it still is */
+    again,   /**< behind it: the key of a finding whose turn has come is read again */
 };
 struct Audit {
     AuditPhase phase;
@@ -99,6 +100,8 @@ struct Audit {
     uint32_t timer;         /**< of the next one after one that was given up */
     Notifications findings; /**< of the one under way */
     Walk walk;
+    bool again_read; /**< the first finding that waits was read again: `again` is what it is now */
+    Reading again;
     char said[160]; /**< why the last one was given up, so that the same is logged once */
 };
 
@@ -128,7 +131,7 @@ struct dal_ctx {
     dal::Link reader;      /**< in the loop only while an attempt lasts */
     dal::Link subscriber;  /**< always in the loop */
     dal::Link publisher;   /**< in the loop, opened by the first publication */
-    dal::Link auditor;     /**< in the loop, open while a comparison lasts */
+    dal::Link auditor;     /**< in the loop, open while a comparison lasts and its findings wait */
     bool reader_answered;  /**< the attempt's reader was answered with PONG */
     bool subscriber_ready; /**< the attempt's subscriber has got so far that patterns may be subscribed to */
 
@@ -201,6 +204,8 @@ void notifications_append(Notifications *notifications, Notification *notificati
 Notification *notifications_take_first(Notifications *notifications);
 /** Takes the first one of those that wait. */
 Notification *notification_next(dal_ctx *ctx);
+/** Drops the findings that wait: the next comparison finds them again. */
+void notifications_drop_findings(dal_ctx *ctx);
 /** Puts all of `more`, which is empty afterwards, behind what waits. */
 void notifications_append_all(dal_ctx *ctx, Notifications *more);
 constexpr char kNotificationKind[] = "pmessage";
@@ -225,8 +230,11 @@ inline size_t key_length_of(const Notification *notification) {
 /** Sees to what is known of a key before the event is delivered. The context may be lost over it. */
 void knowledge_before(dal_ctx *ctx, const Notification *notification, const char *event);
 
-/** What a finding is delivered as, as things stand by now; NULL for nothing. The context may be lost over it. */
-const char *knowledge_of_finding(dal_ctx *ctx, const Notification *finding);
+/** What a finding is delivered as when its key is as `reading` says by now; NULL for nothing. */
+const char *knowledge_of_finding(dal_ctx *ctx, const Notification *finding, const Reading *reading);
+
+/** Nothing is told of a key before its value can be read again, or it is gone. False when memory is short. */
+bool knowledge_too_large(dal_ctx *ctx, Pattern *pattern, const char *key, size_t length);
 
 /** Learns from the delivery whether the subscriber reads by itself. */
 void knowledge_behind(dal_ctx *ctx, const char *event);
@@ -253,6 +261,8 @@ void audit_flushed(dal_ctx *ctx);
 void audit_settle(dal_ctx *ctx);
 /** Goes on when the flags have been seen to. */
 void audit_flags_finished(dal_ctx *ctx);
+/** The key of the first finding that waits, as it is by now; NULL before it has been read, which is begun then. */
+const Reading *audit_read_again(dal_ctx *ctx, const Notification *finding);
 /** Leaves the one under way, whose findings are lost, and forgets what is wanted. */
 void audit_stop(dal_ctx *ctx);
 

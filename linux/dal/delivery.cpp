@@ -87,15 +87,26 @@ void on_delivery_due(void *user_data) {
     context_settle(ctx);
 }
 
-/** The first one's turn. What is to be delivered is found out while it still waits: the context may be lost over it. */
-void deliver_first(dal_ctx *ctx) {
+/** What a finding is delivered as. False while that is not known: it goes on in the loop. */
+bool find_out(dal_ctx *ctx, const Notification *finding, const char **event) {
+    const Reading *reading = finding->tried ? nullptr : audit_read_again(ctx, finding);
+    if (reading)
+        *event = knowledge_of_finding(ctx, finding, reading);
+    return reading || finding->tried;  // which the next comparison finds again
+}
+
+/** The first one's turn. What is to be delivered is found out while it still waits: the context may be lost over it.
+ * False when it has to wait longer. */
+bool deliver_first(dal_ctx *ctx) {
     Notification *first = ctx->waiting.first;
-    const char *event = first->finding ? knowledge_of_finding(ctx, first) : delivered_event(ctx, first);
-    if (event && !first->finding)
+    const char *event = nullptr;
+    if (first->finding && !find_out(ctx, first, &event))
+        return false;
+    if (!first->finding && (event = delivered_event(ctx, first)))
         knowledge_before(ctx, first, event);
     if (ctx->state != State::up) {
         first->tried = true;
-        return;
+        return false;
     }
     Notification *notification = notification_next(ctx);
     if (event) {
@@ -105,6 +116,7 @@ void deliver_first(dal_ctx *ctx) {
         ctx->delivering = {};
     }
     free(notification);
+    return true;
 }
 
 }  // namespace
@@ -116,11 +128,10 @@ void delivery_schedule(dal_ctx *ctx) {
 void notifications_deliver(dal_ctx *ctx) {
     const int64_t end = monotonic_ms() + kTurnMs;
     for (int i = 0; i < kDeliveriesPerTurn && ctx->state == State::up && ctx->waiting.first; i++) {
-        deliver_first(ctx);
-        if (monotonic_ms() >= end)
+        if (!deliver_first(ctx) || monotonic_ms() >= end)
             break;
     }
-    if (ctx->state == State::up && ctx->waiting.first)
+    if (ctx->state == State::up && ctx->waiting.first && ctx->audit.phase != AuditPhase::again)
         delivery_schedule(ctx);
     else
         stop_timer(ctx, &ctx->delivery_timer);

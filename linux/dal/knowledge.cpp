@@ -94,19 +94,30 @@ void knowledge_before(dal_ctx *ctx, const Notification *notification, const char
     set_reading(known, &reading);
 }
 
-const char *knowledge_of_finding(dal_ctx *ctx, const Notification *finding) {
-    if (finding->tried)
-        return nullptr;  // it is found again
+bool knowledge_too_large(dal_ctx *ctx, Pattern *pattern, const char *key, size_t length) {
+    KnownKey *known = known_put(&pattern->known, key, length, ctx->audit.number);
+    if (!known)
+        return false;
+    if (!known->too_large)
+        platform_warning("<DAL>: the value of %s is too large to be compared", key);
+    known->seen = ctx->audit.number;
+    known->too_large = true;
+    return true;
+}
+
+const char *knowledge_of_finding(dal_ctx *ctx, const Notification *finding, const Reading *reading) {
     Pattern *pattern = finding->pattern;
     const char *key = key_of(finding);
     const size_t length = key_length_of(finding);
     const KnownKey *known = known_find(&pattern->known, key, length);
-    const Reading reading = read_key(ctx, key, length, known && known->is_hash);
-    if (reading.found == Found::refused || (known && reading.digest == known->digest && reading.digest))
+    if (reading->found == Found::too_large)
+        knowledge_too_large(ctx, pattern, key, length);
+    if (reading->found == Found::refused || reading->found == Found::too_large ||
+        (known && reading->digest == known->digest && reading->digest))
         return nullptr;
-    if (reading.found == Found::value) {
-        know_value(ctx, pattern, finding, &reading);
-        return reading.is_hash ? "hset" : "set";
+    if (reading->found == Found::value) {
+        know_value(ctx, pattern, finding, reading);
+        return reading->is_hash ? "hset" : "set";
     }
     if (known && !finding->gone) {
         audit_want(ctx);  // which sees whether it is gone alone or with all the others

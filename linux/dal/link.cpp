@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "linux/clock.h"
+#include "linux/dal/answer.h"
 #include "linux/dal/context.h"
 #include "linux/dal/login.h"
 
@@ -45,23 +46,6 @@ bool is_too_large(const redisReader *reader) {
 bool fail_too_large(Link *link) {
     link->too_large = true;
     return fail(link, "an answer without end");
-}
-
-/** An array is allocated at the length that the server claims, before any of it has come. */
-constexpr size_t kMostElements = 1 << 22;
-redisReplyObjectFunctions reply_functions;
-decltype(reply_functions.createArray) create_array;
-
-template <typename Count>
-void *create_bounded_array(const redisReadTask *task, Count elements) {
-    return static_cast<size_t>(elements) > kMostElements ? nullptr : create_array(task, elements);
-}
-
-void bound_arrays(redisReader *reader) {
-    reply_functions = *reader->fn;
-    create_array = reply_functions.createArray;
-    reply_functions.createArray = create_bounded_array;
-    reader->fn = &reply_functions;
 }
 
 /** Keeps why the library failed, which it says in errno or in a text. */
@@ -186,7 +170,7 @@ bool link_open(Link *link, bool in_loop) {
         return fail(link, "memory is short");
     }
     link->context->flags &= ~REDIS_BLOCK;
-    bound_arrays(link->context->reader);
+    answer_prepare(link);
     if ((!in_loop || enter_loop(link)) && login_queue(link))
         return true;
     link_close(link);
@@ -265,7 +249,7 @@ bool link_receive(Link *link) {
             return !is_too_large(link->context->reader) || fail_too_large(link);
         const bool taken = dispatch(link, static_cast<redisReply *>(reply));
         if (reply != link->answer)
-            freeReplyObject(reply);
+            answer_free(static_cast<redisReply *>(reply));
         if (!taken)
             return false;
     }

@@ -19,6 +19,7 @@
 #include <span>
 
 #include "linux/dal/address.h"
+#include "linux/dal/value.h"
 #include "platform/dal.h"
 
 namespace dal {
@@ -61,6 +62,14 @@ struct Expected {
     Pattern *pattern; /**< Question::subscribe */
 };
 
+/** What has come of the answer to Question::value. */
+struct ValueAnswer {
+    bool wrong;      /**< a part of it is no string */
+    bool is_hash;    /**< an array */
+    uint64_t digest; /**< of a string */
+    HashDigest fields;
+};
+
 struct Link {
     dal_ctx *ctx;
     const char *name; /**< for messages */
@@ -74,6 +83,7 @@ struct Link {
     uint32_t heard;     /**< replies of any kind so far */
     size_t received;    /**< bytes since the deadline of the next answer was set */
     redisReply *answer; /**< kept by on_answer for the call that waits */
+    ValueAnswer value;  /**< the last one, or the one that is coming; answer_reading tells what it says */
     Walk *walk;         /**< that goes on with the answers to Question::scan, value and values */
     bool closed;        /**< failed because the server closed the connection */
     bool silent;        /**< failed because an answer did not come in time */

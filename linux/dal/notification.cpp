@@ -174,6 +174,17 @@ Notification *notification_next(dal_ctx *ctx) {
     return notification;
 }
 
+void notifications_drop_findings(dal_ctx *ctx) {
+    for (Notification *each = ctx->waiting.first; each;) {
+        Notification *next = each->next;
+        if (each->finding) {
+            take_out(&ctx->waiting, each);
+            free(each);
+        }
+        each = next;
+    }
+}
+
 void notifications_append_all(dal_ctx *ctx, Notifications *more) {
     if (!more->first)
         return;

@@ -23,24 +23,15 @@ uint64_t known(uint64_t digest) {
     return digest == kUnknownDigest ? 1 : digest;
 }
 
-uint64_t hash_text(const redisReply *text, uint64_t seed) {
-    return hash_bytes(text->str, text->len, seed);
-}
-
-/** The sum over the fields, each with its value: the same in whatever order they come. */
-bool digest_fields(const redisReply *reply, uint64_t *digest) {
-    if (reply->elements % 2 != 0)
-        return false;
-    uint64_t sum = kHashSeed;
-    for (size_t i = 0; i < reply->elements; i += 2) {
-        const redisReply *field = reply->element[i];
-        const redisReply *value = reply->element[i + 1];
-        if (field->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING)
-            return false;
-        sum += hash_text(value, hash_text(field, kHashSeed));
+Reading reading_of_array(const redisReply *reply) {
+    HashDigest digest{};
+    for (size_t i = 0; i < reply->elements; i++) {
+        const redisReply *text = reply->element[i];
+        if (text->type != REDIS_REPLY_STRING)
+            return {Found::refused, true, kUnknownDigest};
+        hash_digest_add(&digest, text->str, text->len);
     }
-    *digest = known(mixed(sum));
-    return true;
+    return reading_of_fields(&digest);
 }
 
 bool is_other_type(const redisReply *reply) {
@@ -67,16 +58,33 @@ uint64_t hash_bytes(const char *bytes, size_t length, uint64_t seed) {
     return hash ^ (hash >> kShift);
 }
 
+uint64_t digest_of_string(const char *text, size_t length) {
+    return known(hash_bytes(text, length, kStringSeed));
+}
+
+/** The sum over the fields, each with its value. */
+void hash_digest_add(HashDigest *digest, const char *text, size_t length) {
+    if (digest->texts++ % 2 == 0)
+        digest->field = hash_bytes(text, length, kHashSeed);
+    else
+        digest->sum += hash_bytes(text, length, digest->field);
+}
+
+Reading reading_of_fields(const HashDigest *digest) {
+    if (digest->texts == 0)
+        return {Found::nothing, true, kUnknownDigest};
+    if (digest->texts % 2 != 0)
+        return {Found::refused, true, kUnknownDigest};
+    return {Found::value, true, known(mixed(kHashSeed + digest->sum))};
+}
+
 Reading reading_of(const redisReply *reply, bool as_hash) {
     if (is_other_type(reply))
         return {Found::other_type, as_hash, kUnknownDigest};
     if (!as_hash && reply->type == REDIS_REPLY_STRING)
-        return {Found::value, false, known(hash_text(reply, kStringSeed))};
-    uint64_t digest = kUnknownDigest;
-    if (as_hash && reply->type == REDIS_REPLY_ARRAY && reply->elements == 0)
-        return {Found::nothing, true, kUnknownDigest};
-    if (as_hash && reply->type == REDIS_REPLY_ARRAY && digest_fields(reply, &digest))
-        return {Found::value, true, digest};
+        return {Found::value, false, digest_of_string(reply->str, reply->len)};
+    if (as_hash && reply->type == REDIS_REPLY_ARRAY)
+        return reading_of_array(reply);
     const bool nothing = !as_hash && reply->type == REDIS_REPLY_NIL;
     return {nothing ? Found::nothing : Found::refused, as_hash, kUnknownDigest};
 }

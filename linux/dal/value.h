@@ -25,7 +25,18 @@ struct Reading {
     uint64_t digest; /**< Found::value; else kUnknownDigest */
 };
 
-/** What the answer to GET, or with `as_hash` to HGETALL, says. The order of a hash's fields makes no difference. */
+uint64_t digest_of_string(const char *text, size_t length);
+
+/** Of a hash's fields as they come, each followed by its value. In which order makes no difference. */
+struct HashDigest {
+    size_t texts;
+    uint64_t field; /**< the last field's, whose value is still to come */
+    uint64_t sum;
+};
+void hash_digest_add(HashDigest *digest, const char *text, size_t length);
+Reading reading_of_fields(const HashDigest *digest);
+
+/** What the answer to GET, or with `as_hash` to HGETALL, says. */
 Reading reading_of(const redisReply *reply, bool as_hash);
 
 /** 64 bits of MurmurHash2. */

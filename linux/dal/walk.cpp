@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "linux/dal/answer.h"
+
 namespace dal {
 
 namespace {
@@ -121,7 +123,7 @@ void take_step(Walk *walk, const redisReply *reply) {
 
 void take_value(Walk *walk, const redisReply *reply) {
     WalkKey *key = take_first(&walk->asked);
-    const Reading reading = reading_of(reply, key->as_hash);
+    const Reading reading = answer_reading(walk->link, reply, key->as_hash);
     if (reading.found == Found::other_type && !key->again) {
         key->again = true;
         key->as_hash = !key->as_hash;

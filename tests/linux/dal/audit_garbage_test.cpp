@@ -16,7 +16,33 @@ const std::string kInfo = bulk("# Persistence\r\nloading:0\r\n");
 const std::string kLoading = bulk("# Persistence\r\nloading:1\r\n");
 const char kNoKeys[] = "*2\r\n$1\r\n0\r\n*0\r\n";
 const char kOneKey[] = "*2\r\n$1\r\n0\r\n*1\r\n$2\r\n/k\r\n";
+const char kTwoKeys[] = "*2\r\n$1\r\n0\r\n*2\r\n$2\r\n/k\r\n$2\r\n/l\r\n";
 const char kNothing[] = "$-1\r\n";
+const char kValue[] = "$1\r\nv\r\n";
+const char kHash[] = "*2\r\n$1\r\nf\r\n$1\r\nv\r\n";
+const char kTooLarge[] = "$20000000\r\n";
+
+/** A comparison that finds a key; its value is read again, with the last answer, before it is delivered. */
+const Script::Answers kWithAFinding = {kInfo, kFlags, kOneKey, kValue, kInfo, kValue};
+
+/** Answers to HGETALL that are none. */
+const char *const kNoHashes[] = {":5\r\n",
+                                 kValue,
+                                 "*1\r\n$1\r\nf\r\n",
+                                 "*2\r\n:1\r\n:2\r\n",
+                                 "*2\r\n$1\r\nf\r\n$-1\r\n",
+                                 "*2\r\n$1\r\nf\r\n+v\r\n",
+                                 "*2\r\n$1\r\nf\r\n*1\r\n$1\r\nv\r\n",
+                                 "*2\r\n*0\r\n*-1\r\n",
+                                 "*4194305\r\n",
+                                 "-E\r\n"};
+
+/** These answers but the last, and then the others. */
+Script::Answers instead_of_last(Script::Answers answers, const Script::Answers &others) {
+    answers.pop_back();
+    answers.insert(answers.end(), others.begin(), others.end());
+    return answers;
+}
 
 /** Connections in the order in which they are made: the subscriber's, the reader's, then one for each comparison. */
 class DalAuditGarbage : public DalResync {
@@ -25,8 +51,15 @@ protected:
 
     static Script::Connections connections(const Script::Answers &answers) {
         return {{{kPong, std::string(kNoClient) + kFlags, kConfirmed, kPongToSubscriber},
-                 {kPong, kNoKeys, "$1\r\nv\r\n"},
+                 {kPong, kNoKeys, kValue},
                  answers}};
+    }
+
+    /** One comparison goes over two connections. */
+    static Script::Connections connections(const Script::Answers &first, const Script::Answers &second) {
+        Script::Connections both = connections(first);
+        both.each.push_back(second);
+        return both;
     }
 
     void begin_comparison() {
@@ -64,7 +97,7 @@ protected:
 };
 
 TEST_F(DalAuditGarbage, AServerThatAnswersWellIsCompared) {
-    compare_with({kInfo, kFlags, kOneKey, "$1\r\nv\r\n", kInfo});
+    compare_with(kWithAFinding);
     EXPECT_EQ(delivered_count, 1U);
     EXPECT_EQ(loop::log_count("not compared"), 0U);
 }
@@ -103,13 +136,12 @@ TEST_F(DalAuditGarbage, InsteadOfAnAnswerGivesTheComparisonUpAndTheServerStaysUs
 }
 
 TEST_F(DalAuditGarbage, InsteadOfAValueGivesTheComparisonUp) {
-    for (const char *answer : {":5\r\n", "+x\r\n", "*2\r\n$1\r\nf\r\n$1\r\nv\r\n", "-ERR x\r\n", "*0\r\n"}) {
+    for (const char *answer : {":5\r\n", "+x\r\n", kHash, "-ERR x\r\n", "*0\r\n"}) {
         compare_with({kInfo, kFlags, kOneKey, answer});
         EXPECT_EQ(delivered_count, 0U) << answer;
         EXPECT_EQ(loop::log_count("not compared"), 1U) << answer;
     }
-    for (const char *answer :
-         {":5\r\n", "*1\r\n$1\r\nf\r\n", "*2\r\n:1\r\n:2\r\n", "*2\r\n$1\r\nf\r\n$-1\r\n", "-E\r\n"}) {
+    for (const char *answer : kNoHashes) {
         compare_with({kInfo, kFlags, kOneKey, "-WRONGTYPE x\r\n", answer});
         EXPECT_EQ(delivered_count, 0U) << answer;
         EXPECT_EQ(loop::log_count("not compared"), 1U) << answer;
@@ -137,7 +169,7 @@ TEST_F(DalAuditGarbage, AWalkThatNeverEndsIsGivenUp) {
 }
 
 TEST_F(DalAuditGarbage, ACloseAtAnyByteDoesNoHarm) {
-    const std::vector<std::string> session = {kInfo, kFlags, kOneKey, "$1\r\nv\r\n", kInfo};
+    const Script::Answers &session = kWithAFinding;
     for (size_t step = 0; step < session.size(); step++) {
         for (size_t length = 0; length < session[step].size(); length++) {
             std::vector<std::string> answers(session.begin(), session.begin() + static_cast<long>(step));
@@ -155,8 +187,8 @@ TEST_F(DalAuditGarbage, AnswersMadeAtRandomDoNoHarm) {
                                   kInfo,        kFlags,    kOneKey,  "$3\r\n",  "\r\n"};
     unsigned seed = 1;
     for (int round = 0; round < 150; round++) {
-        Script::Answers answers = {kInfo, kFlags, kOneKey};
-        answers.resize(static_cast<size_t>(rand_r(&seed) % 4));
+        Script::Answers answers = kWithAFinding;
+        answers.resize(static_cast<size_t>(rand_r(&seed)) % answers.size());
         for (int answer = rand_r(&seed) % 4; answer >= 0; answer--) {
             answers.emplace_back();
             for (int piece = rand_r(&seed) % 3; piece >= 0; piece--)
@@ -185,6 +217,76 @@ TEST_F(DalAuditGarbage, AnAnswerThatMakesHardlyAnyIsALoss) {
     loop::advance(2000);
     ASSERT_TRUE(run_until_lost());
     EXPECT_TRUE(loop::logged("lost the server unix:///tmp/script.sock: no answer"));
+}
+
+TEST_F(DalAuditGarbage, AFindingIsReadAgainWithoutHoldingTheLoop) {
+    const Script script(connections(instead_of_last(kWithAFinding, {Script::kSink})));
+    begin_comparison();
+    ASSERT_TRUE(loop::run_until([this] { return ctx->audit.phase == dal::AuditPhase::again; }));
+    loop::drain();
+    EXPECT_EQ(get("/k"), "v");
+    EXPECT_EQ(delivered.size(), 0U);
+}
+
+TEST_F(DalAuditGarbage, AFindingThatIsNotReadAgainInTimeIsALossAndNotTriedTwice) {
+    const Script script(connections(instead_of_last(kWithAFinding, {Script::kSink})));
+    begin_comparison();
+    ASSERT_TRUE(loop::run_until([this] { return ctx->audit.phase == dal::AuditPhase::again; }));
+    loop::advance(2000);
+    ASSERT_TRUE(run_until_lost());
+    EXPECT_TRUE(loop::logged("lost the server unix:///tmp/script.sock: no answer"));
+    ASSERT_NE(ctx->waiting.first, nullptr);
+    EXPECT_TRUE(ctx->waiting.first->tried);
+}
+
+TEST_F(DalAuditGarbage, AConnectionThatEndsBeforeFindingsAreReadAgainHasThemFoundAgainLater) {
+    const Script script(connections({kInfo, kFlags, kTwoKeys, std::string(kValue) + kValue, kInfo, ""},
+                                    {kInfo, kFlags, kTwoKeys, std::string(kValue) + kValue, kInfo, kValue}));
+    begin_comparison();
+    EXPECT_TRUE(run_until_over());
+    EXPECT_EQ(delivered.size(), 0U);
+    EXPECT_EQ(ctx->waiting.first, nullptr);
+    EXPECT_EQ(ctx->state, dal::State::up);
+    EXPECT_EQ(loop::log_count("4 <DAL>: the keys are not compared with what is known of them: "
+                              "Server closed the connection; trying again"),
+              1U);
+    loop::advance(10000);
+    EXPECT_TRUE(run_until_delivered(2));
+}
+
+TEST_F(DalAuditGarbage, AFindingThatHasBecomeTooLargeIsSaidAndTheNextOneDelivered) {
+    const Script script(
+        connections({kInfo, kFlags, kTwoKeys, std::string(kValue) + kValue, kInfo, kTooLarge}, {kValue}));
+    begin_comparison();
+    EXPECT_TRUE(run_until_delivered(1));
+    EXPECT_EQ(told(), (Texts{"/l set"}));
+    EXPECT_EQ(ctx->state, dal::State::up);
+    EXPECT_EQ(loop::log_count("4 <DAL>: the value of /k is too large to be compared"), 1U);
+}
+
+TEST_F(DalAuditGarbage, AFindingThatHasBecomeAHashIsDeliveredAsOne) {
+    const Script script(connections(instead_of_last(kWithAFinding, {"-WRONGTYPE x\r\n", kHash})));
+    begin_comparison();
+    EXPECT_TRUE(run_until_delivered(1));
+    EXPECT_EQ(told(), (Texts{"/k hset"}));
+}
+
+TEST_F(DalAuditGarbage, AFindingThatIsOfNoTypeAskedForIsNotDelivered) {
+    compare_with(instead_of_last(kWithAFinding, {"-WRONGTYPE x\r\n", "-WRONGTYPE x\r\n", kValue}));
+    EXPECT_EQ(delivered_count, 0U);
+}
+
+TEST_F(DalAuditGarbage, InsteadOfAFindingsValueIsNotDelivered) {
+    for (const char *answer : {":5\r\n", "+x\r\n", kHash, "-ERR x\r\n", "*0\r\n"}) {
+        compare_with(instead_of_last(kWithAFinding, {answer, kValue}));
+        EXPECT_EQ(delivered_count, 0U) << answer;
+        EXPECT_EQ(state, dal::State::up) << answer;
+    }
+    for (const char *answer : kNoHashes) {
+        compare_with(instead_of_last(kWithAFinding, {"-WRONGTYPE x\r\n", answer, kValue}));
+        EXPECT_EQ(delivered_count, 0U) << answer;
+        EXPECT_EQ(state, dal::State::up) << answer;
+    }
 }
 
 }  // namespace
