@@ -87,12 +87,14 @@ void on_delivery_due(void *user_data) {
     context_settle(ctx);
 }
 
-/** What a finding is delivered as. False while that is not known: it goes on in the loop. */
+/** What a finding is delivered as. False while that is not known, or when it was dropped: it goes on in the loop. */
 bool find_out(dal_ctx *ctx, const Notification *finding, const char **event) {
-    const Reading *reading = finding->tried ? nullptr : audit_read_again(ctx, finding);
+    if (finding->tried)
+        return true;  // the next comparison finds it again
+    const Reading *reading = audit_read_again(ctx, finding);
     if (reading)
         *event = knowledge_of_finding(ctx, finding, reading);
-    return reading || finding->tried;  // which the next comparison finds again
+    return reading;
 }
 
 /** The first one's turn. What is to be delivered is found out while it still waits: the context may be lost over it.

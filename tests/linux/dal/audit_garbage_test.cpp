@@ -264,6 +264,18 @@ TEST_F(DalAuditGarbage, AFindingThatHasBecomeTooLargeIsSaidAndTheNextOneDelivere
     EXPECT_EQ(loop::log_count("4 <DAL>: the value of /k is too large to be compared"), 1U);
 }
 
+TEST_F(DalAuditGarbage, FindingsForWhichThereIsNoConnectionAreDropped) {
+    const Script script(connections({kInfo, kFlags, kTwoKeys, std::string(kValue) + kValue, kInfo, kTooLarge}));
+    begin_comparison();
+    ASSERT_TRUE(loop::run_until([this] { return ctx->audit.phase == dal::AuditPhase::again; }));
+    loop::refuse_inputs = true;
+    EXPECT_TRUE(run_until_over());
+    loop::refuse_inputs = false;
+    EXPECT_EQ(ctx->waiting.first, nullptr);
+    EXPECT_EQ(delivered.size(), 0U);
+    EXPECT_TRUE(loop::logged("the keys are not compared with what is known of them: the loop does not watch it"));
+}
+
 TEST_F(DalAuditGarbage, AFindingThatHasBecomeAHashIsDeliveredAsOne) {
     const Script script(connections(instead_of_last(kWithAFinding, {"-WRONGTYPE x\r\n", kHash})));
     begin_comparison();
