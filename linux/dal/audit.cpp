@@ -62,6 +62,7 @@ void give_up(dal_ctx *ctx, const char *reason) {
         platform_warning("<DAL>: the keys are not compared with what is known of them: %s; trying again", kept);
     memcpy(audit->said, kept, sizeof kept);
     close_link(ctx);
+    notifications_drop_findings(ctx);
     start_timer(ctx, &audit->timer, kAgainMs, on_again_due, ctx);
 }
 
@@ -72,6 +73,13 @@ void finish_again(dal_ctx *ctx, const Reading &reading) {
     ctx->audit.phase = AuditPhase::none;
     ctx->audit.again_read = true;
     ctx->audit.again = reading;
+}
+
+/** The same, of one whose value has become too large. */
+bool pass_over(dal_ctx *ctx) {
+    link_close(&ctx->auditor);
+    finish_again(ctx, {Found::too_large, false, kUnknownDigest});
+    return true;
 }
 
 /** Reads on, on a connection of its own again, without the value that is too large. */
@@ -93,15 +101,7 @@ bool goes_on(dal_ctx *ctx) {
         case AuditPhase::walking:
             return link->too_large && resume(ctx);
         case AuditPhase::again:
-            if (link->too_large) {
-                link_close(link);
-                finish_again(ctx, {Found::too_large, false, kUnknownDigest});
-            } else if (link->silent) {
-                ctx->waiting.first->tried = true;
-            } else {
-                notifications_drop_findings(ctx);
-            }
-            return link->too_large;
+            return link->too_large && pass_over(ctx);
         default:
             return false;
     }
@@ -112,10 +112,11 @@ void on_failed(Link *link) {
     dal_ctx *ctx = link->ctx;
     if (goes_on(ctx))
         return;
-    if (link->silent)
-        context_lost(ctx, link->reason);
-    else
-        give_up(ctx, link->reason);
+    if (!link->silent)
+        return give_up(ctx, link->reason);
+    if (ctx->audit.phase == AuditPhase::again)
+        ctx->waiting.first->tried = true;
+    context_lost(ctx, link->reason);
 }
 
 bool add_finding(dal_ctx *ctx, Pattern *pattern, const char *key, size_t length, bool gone) {
