@@ -77,6 +77,8 @@ void context_settle(dal_ctx *ctx) {
     }
     notifications_deliver(ctx);
     audit_settle(ctx);
+    if (ctx->audit.phase != AuditPhase::again && !link_watch(&ctx->subscriber))
+        context_lost(ctx, ctx->subscriber.reason);
 }
 
 bool context_may_read(const Link *link) {

@@ -89,8 +89,12 @@ void on_deadline(void *user_data) {
 
 void on_readable(void *connection) {
     auto *link = static_cast<Link *>(connection);
-    if (link->context && context_may_read(link) && !link_receive(link))
-        link->on_failed(link);
+    if (link->context && context_may_read(link)) {
+        if (!link_receive(link))
+            link->on_failed(link);
+    } else if (link->context && link->ctx->audit.phase == AuditPhase::again) {
+        link->ctx->evloop->delete_read(&link->conn);  // else it wakes the loop over and over until the answer has come
+    }
     context_settle(link->ctx);
 }
 
@@ -107,8 +111,7 @@ bool enter_loop(Link *link) {
     if (evloop->attach(&link->conn) != 0 || !link->conn.timer_slot)
         return fail(link, "the loop does not take it");
     link->in_loop = true;
-    evloop->add_read(&link->conn);
-    return (link->conn.mask & kReading) || fail(link, "the loop does not watch it for reading");
+    return link_watch(link);
 }
 
 bool expect(Link *link, Question question, Pattern *pattern) {
@@ -175,6 +178,12 @@ bool link_open(Link *link, bool in_loop) {
         return true;
     link_close(link);
     return false;
+}
+
+bool link_watch(Link *link) {
+    if (link->in_loop && !(link->conn.mask & kReading))
+        link->ctx->evloop->add_read(&link->conn);
+    return !link->in_loop || (link->conn.mask & kReading) || fail(link, "the loop does not watch it for reading");
 }
 
 void link_leave_loop(Link *link) {

@@ -104,6 +104,9 @@ bool link_open(Link *link, bool in_loop);
 /** Closes; what was still expected is forgotten. A closed link stays as it is. */
 void link_close(Link *link);
 
+/** Has the loop watch for what comes, where it does not; a link that is not in the loop stays as it is. */
+bool link_watch(Link *link);
+
 /** Takes an open link out of the loop. */
 void link_leave_loop(Link *link);
 

@@ -20,6 +20,7 @@ const char kTwoKeys[] = "*2\r\n$1\r\n0\r\n*2\r\n$2\r\n/k\r\n$2\r\n/l\r\n";
 const char kNothing[] = "$-1\r\n";
 const char kValue[] = "$1\r\nv\r\n";
 const char kHash[] = "*2\r\n$1\r\nf\r\n$1\r\nv\r\n";
+const std::string kFlushed = "*3\r\n$7\r\nmessage\r\n$20\r\n__redis__:invalidate\r\n*-1\r\n";
 const char kTooLarge[] = "$20000000\r\n";
 
 /** A comparison that finds a key; its value is read again, with the last answer, before it is delivered. */
@@ -226,6 +227,58 @@ TEST_F(DalAuditGarbage, AFindingIsReadAgainWithoutHoldingTheLoop) {
     loop::drain();
     EXPECT_EQ(get("/k"), "v");
     EXPECT_EQ(delivered.size(), 0U);
+}
+
+/** A finding's key is read again, without an answer, while the subscriber has been told something. */
+class DalReadAgain : public DalAuditGarbage {
+protected:
+    /** The reading begins anew on a connection that answers so, after a flush. */
+    static Script::Connections flushed_meanwhile(const Script::Answers &anew) {
+        Script::Connections all = connections(instead_of_last(kWithAFinding, {Script::kSink}), anew);
+        all.each[0].insert(all.each[0].end(), {kPongToSubscriber, kFlushed + kConfirmed, kPongToSubscriber});
+        return all;
+    }
+
+    void begin_reading() {
+        begin_comparison();
+        ASSERT_TRUE(loop::run_until([this] { return ctx->audit.phase == dal::AuditPhase::again; }));
+        ASSERT_EQ(dal_sub_ctx_chk(ctx), 0);
+    }
+
+    /** Runs the loop until it has nothing to do. False when it is never so. */
+    static bool run_until_idle() {
+        int turns = 0;
+        return !loop::run_until([&turns] { return ++turns == 10000; }, 100);
+    }
+};
+
+TEST_F(DalReadAgain, DoesNotKeepTheLoopBusy) {
+    const Script script(flushed_meanwhile({kValue}));
+    begin_reading();
+    EXPECT_TRUE(run_until_idle());
+    EXPECT_EQ(ctx->audit.phase, dal::AuditPhase::again);
+}
+
+TEST_F(DalReadAgain, BeginsAnewAfterAFlushAndTheSubscriberIsHeardAgain) {
+    const Script script(flushed_meanwhile({kValue}));
+    begin_reading();
+    ASSERT_TRUE(run_until_idle());
+    ASSERT_EQ(subscribe("__keyspace@0__:/*"), 0);
+    EXPECT_TRUE(run_until_delivered(1));
+    ASSERT_EQ(dal_sub_ctx_chk(ctx), 0);
+    EXPECT_TRUE(loop::run_until([this] { return ctx->subscriber.expected == 0; }));
+    EXPECT_EQ(ctx->state, dal::State::up);
+}
+
+TEST_F(DalReadAgain, IsALossWhereTheLoopDoesNotWatchTheSubscriberAfterwards) {
+    const Script script(flushed_meanwhile({kValue}));
+    begin_reading();
+    ASSERT_TRUE(run_until_idle());
+    ASSERT_EQ(subscribe("__keyspace@0__:/*"), 0);
+    loop::refuse_inputs = true;
+    EXPECT_TRUE(run_until_lost());
+    loop::refuse_inputs = false;
+    EXPECT_TRUE(loop::logged("lost the server unix:///tmp/script.sock: the loop does not watch it for reading"));
 }
 
 TEST_F(DalAuditGarbage, AFindingThatIsNotReadAgainInTimeIsALossAndNotTriedTwice) {
