@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 
 namespace {
 
@@ -29,8 +30,7 @@ bool take_chunk(int connection, const std::string &answer) {
     return read(connection, buffer, sizeof buffer) > 0;
 }
 
-[[noreturn]] void talk(int connection, const Script::Answers &answers, Then then) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+void talk(int connection, const Script::Answers &answers, Then then) {
     for (size_t i = 0;; i++) {
         const std::string &answer = answers[std::min(i, answers.size() - 1)];
         if (!take_chunk(connection, answer))
@@ -43,7 +43,7 @@ bool take_chunk(int connection, const std::string &answer) {
             (then == Then::its_end && i + 1 >= answers.size()))
             break;
     }
-    _exit(0);
+    close(connection);
 }
 
 }  // namespace
@@ -72,12 +72,11 @@ Script::~Script() {
 
 void Script::serve(const std::vector<Answers> &connections, Then then) const {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    signal(SIGCHLD, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
     for (size_t i = 0;; i++) {
         const int connection = accept(listener_, nullptr, nullptr);
         const bool last = i + 1 >= connections.size();
-        if (fork() == 0)
-            talk(connection, last ? connections.back() : connections[i], last ? then : Then::the_same);
-        ::close(connection);
+        const Answers &answers = last ? connections.back() : connections[i];
+        std::thread(talk, connection, std::cref(answers), last ? then : Then::the_same).detach();
     }
 }
