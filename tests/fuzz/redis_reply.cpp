@@ -50,8 +50,9 @@ Stream streams[kConnectionMax];
 unsigned lost_count;
 unsigned delivered_count;
 Held held[kKeyCount];
+Held answered[kKeyCount];   /**< as it was when the key was last read whole */
 Held told[kKeyCount];       /**< as the subscriber has been told, or could read when it was */
-bool read_since[kKeyCount]; /**< the daemon has read the key since, and may know better */
+bool read_since[kKeyCount]; /**< the daemon has read the key at another time than that, and may know better */
 bool in_order;              /**< the server has answered everything properly so far */
 
 Stream *stream_of(int fd) {
@@ -98,11 +99,21 @@ void answer_subscription(Stream *to, std::string_view pattern) {
     send(to, ":1\r\n");
 }
 
+bool is_same(const Held &left, const Held &right) {
+    return left.kind == right.kind && (left.kind == Kind::none || left.value == right.value);
+}
+
 Held held_under(std::string_view key) {
     for (int i = 0; i < kKeyCount; i++)
         if (same(kKeys[i], key))
             return held[i];
     return {Kind::none, 0};
+}
+
+void note_answered(std::string_view key) {
+    for (int i = 0; i < kKeyCount; i++)
+        if (same(kKeys[i], key))
+            answered[i] = held[i];
 }
 
 void send_held(Stream *to, const Held &each) {
@@ -165,14 +176,18 @@ void answer_scan(Stream *to, std::span<const std::string_view> scan) {
 void answer_values(Stream *to, std::span<const std::string_view> keys) {
     const char array[] = {'*', static_cast<char>('0' + keys.size() % 10), '\r', '\n'};
     send(to, {array, sizeof array});
-    for (const std::string_view key : keys)
+    for (const std::string_view key : keys) {
+        note_answered(key);
         send_value(to, held_under(key), Kind::string);
+    }
 }
 
 /** What a server in order answers. */
 void answer(Stream *to, std::span<const std::string_view> command) {
     const std::string_view name = command[0];
     const std::string_view object = command.size() > 1 ? command[1] : "";
+    if (same(name, "GET") || same(name, "HGETALL"))
+        note_answered(object);
     if (same(name, "PSUBSCRIBE"))
         answer_subscription(to, object);
     else if (same(name, "SUBSCRIBE"))
@@ -263,13 +278,15 @@ void note_told(dal_ctx *ctx, const char *channel, const char *event) {
         const bool deleted = same(event, "del");
         if (deleted || same(event, "set") || same(event, "hset")) {
             told[i] = deleted ? Held{Kind::none, 0} : held[i];
-            read_since[i] = false;
+            read_since[i] = !deleted && !is_same(answered[i], held[i]);
         }
         char value[8];
         uint32_t length = sizeof value;
         const bool reads = take_byte(&script) & 1;
-        if (reads && dal_get(ctx, kKeys[i].data(), static_cast<uint32_t>(kKeys[i].size()), value, &length) == 0)
+        if (reads && dal_get(ctx, kKeys[i].data(), static_cast<uint32_t>(kKeys[i].size()), value, &length) == 0) {
             told[i] = held[i];
+            read_since[i] = false;
+        }
     }
 }
 
@@ -448,7 +465,7 @@ void check_state(const dal_ctx *ctx) {
 bool is_told_of(int i) {
     if (read_since[i] || (held[i].kind != Kind::none && held[i].value == kTooLarge))
         return true;
-    return told[i].kind == held[i].kind && (held[i].kind == Kind::none || told[i].value == held[i].value);
+    return is_same(told[i], held[i]);
 }
 
 bool is_told(const dal_ctx *ctx) {
@@ -492,7 +509,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (int i = 0; i < kKeyCount; i++) {
         const uint8_t bits = take_byte(&script);
         held[i] = {static_cast<Kind>(bits % 3), static_cast<char>('0' + bits / 4 % 4)};
-        told[i] = {Kind::none, 0};
+        answered[i] = told[i] = {Kind::none, 0};
         read_since[i] = false;
     }
     dal_evloop_ctx *evloop = dal_evloop_ctx_init(
