@@ -229,11 +229,11 @@ class Changes:
 
 
 def refill(server, store):
-    """Puts back what `read_store` gave; keys of other types are left out."""
+    """Puts back what `read_store` gave, in place of what has been set since; keys of other types are left out."""
     with server.pipeline(transaction=False) as commands:
         for key, value in store.items():
             if isinstance(value, bytes):
                 commands.set(key, value)
             elif value:
-                commands.hset(key, mapping=value)
+                commands.delete(key).hset(key, mapping=value)
         commands.execute()
