@@ -92,6 +92,8 @@ void knowledge_before(dal_ctx *ctx, const Notification *notification, const char
         return;
     const Reading reading = read_key(ctx, key, length, known->is_hash || is_hash_event(event));
     set_reading(known, &reading);
+    if (reading.is_hash != is_hash_event(event))
+        known->digest = kUnknownDigest;  // who is told of a string does not look for a hash
 }
 
 bool knowledge_too_large(dal_ctx *ctx, Pattern *pattern, const char *key, size_t length) {

@@ -89,6 +89,17 @@ TEST_F(DalEdge, ACallbackThatReadsAStringAsAHashIsNotToldAgainAndAgain) {
     EXPECT_EQ(compare(), Texts{});
 }
 
+TEST_F(DalEdge, AKeyOfAnotherTypeThanItsEventToldOfIsToldAsWhatItIs) {
+    follow("/a/*");
+    redis("SET /a/1 v");
+    redis("HSET /a/2 f v");
+    unnoticed({"DEL /a/1 /a/2", "HSET /a/1 f v", "SET /a/2 v"});
+    ASSERT_TRUE(run_until_delivered(2));
+    EXPECT_EQ(told(), (Texts{"/a/1 set", "/a/2 hset"}));
+    EXPECT_EQ(compare(), (Texts{"/a/1 hset", "/a/2 set"}));
+    EXPECT_EQ(compare(), Texts{});
+}
+
 TEST_F(DalEdge, AReadOfAKeyWithNulMakesNothingKnown) {
     redis("SET /a/0 v");
     redis.run({"SET", std::string("/a/1\0x", 6), "v"});
