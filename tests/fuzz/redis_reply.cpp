@@ -270,10 +270,13 @@ void on_lost() {
     lost_count++;
 }
 
-void note_told(dal_ctx *ctx, const char *channel, const char *event) {
-    const size_t prefix = strlen("__keyspace@0__:");
+/** A message with a key that its pattern does not stand for tells nothing of it. */
+void note_told(dal_ctx *ctx, std::string_view pattern, const char *channel, const char *event) {
+    constexpr std::string_view kPrefix = "__keyspace@0__:";
+    constexpr std::string_view kPatternOf[kKeyCount] = {"/op/a*", "/op/b"};
     for (int i = 0; i < kKeyCount; i++) {
-        if (strlen(channel) < prefix || !same(channel + prefix, kKeys[i]))
+        if (strlen(channel) < kPrefix.size() || !same(channel + kPrefix.size(), kKeys[i]) ||
+            !same(pattern.substr(kPrefix.size()), kPatternOf[i]))
             continue;
         const bool deleted = same(event, "del");
         if (deleted || same(event, "set") || same(event, "hset")) {
@@ -301,7 +304,7 @@ void delivered(dal_ctx *ctx, const dal_reply *reply, void *arg) {
     HOLDS(strcmp(reply->element[0]->str, "pmessage") == 0);
     HOLDS(strstr(kPatterns, reply->element[1]->str));
     delivered_count++;
-    note_told(ctx, reply->element[2]->str, reply->element[3]->str);
+    note_told(ctx, reply->element[1]->str, reply->element[2]->str, reply->element[3]->str);
 }
 
 /* ---- calls ---- */
