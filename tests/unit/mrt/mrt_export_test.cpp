@@ -153,6 +153,15 @@ TEST_F(MrtExportTest, ADeliveryOfFewerThanFourElementsIsCountedAndIgnored) {
     EXPECT_EQ(fake::call_count("connect"), 0);
 }
 
+TEST_F(MrtExportTest, ADeliveryWithNothingInItsFourthPlaceIsCountedAndIgnored) {
+    const fake::Reply reply({"pmessage", kPattern, kPattern, type_bytes(0)});
+    reply.get()->element[3] = nullptr;
+    vyrwrap_dal_mrt_subscribe_callback(fake::context(), reply.get(), nullptr);
+    EXPECT_TRUE(fake::logged(7, "<VYRWRAP> vyrwrap_dal_mrt_subscribe_callback : Number of elements 4"));
+    EXPECT_EQ(fake::log_lines.size(), 1U);
+    EXPECT_EQ(fake::call_count("connect"), 0);
+}
+
 TEST_F(MrtExportTest, ASuccessfulAnswerIsTheFile) {
     const std::string body = fake::answer(2, "10.0.0.0/8\0via 10.1.1.1\n"s);
     answer_with(body);
