@@ -129,9 +129,7 @@ int vyrwrap_read_cluster_info_one_param_from_dal(ClusterInfo *record, const char
             return 1;
         case FIELD_NODE_NUM:
             return take_node_num(record, value, __func__);
-        case FIELD_NODELIST:
+        default:  // FIELD_NODELIST
             return take_nodelist(record, value, length, __func__);
-        default:
-            return 1;
     }
 }
