@@ -60,6 +60,14 @@ TEST_F(ClusterNotifyTest, AClusterOfTwelveNodesIsSentWhole) {
     EXPECT_EQ(app_.receive(), Texts{message(1, "c", 0x0A090807, 1, kMac, 12)});
 }
 
+TEST_F(ClusterNotifyTest, AClusterWithANameOfThirtyTwoCharactersIsSent) {
+    const std::string name(32, 'n');
+    set_cluster(name, "10.9.8.7", "1", 1);
+    add_tunnel("t", 0x0A090807, kMac);
+    notify(name, "hset");
+    EXPECT_EQ(app_.receive(), Texts{message(1, name, 0x0A090807, 1, kMac, 1)});
+}
+
 TEST_F(ClusterNotifyTest, AnyStateBut0IsActive) {
     set_cluster("c", "10.9.8.7", "255", 1);
     add_tunnel("t", 0x0A090807, kMac);

@@ -77,6 +77,13 @@ TEST_F(ClusterReplayTest, AnEmptyNameIsTaken) {
     EXPECT_EQ(app_.receive(), Texts{message(1, "", 0x0A090807, 1, kMac, 1)});
 }
 
+TEST_F(ClusterReplayTest, ANameOfThirtyTwoCharactersIsTaken) {
+    const std::string name(32, 'n');
+    set_cluster(name, "10.9.8.7", "1", 1);
+    vyrwrap_read_all_send_clusters_from_dal_to_vyr();
+    EXPECT_EQ(app_.receive(), Texts{message(1, name, 0x0A090807, 1, kMac, 1)});
+}
+
 TEST_F(ClusterReplayTest, TheNameIsSentAsItIs) {
     set_cluster("a%%b%d", "10.9.8.7", "1", 1);
     vyrwrap_read_all_send_clusters_from_dal_to_vyr();

@@ -110,6 +110,16 @@ TEST_F(TunnelReplayTest, SkipsAKeyWhoseNameIsTooLongWithoutCountingIt) {
     EXPECT_EQ(count(), 2U);
 }
 
+TEST_F(TunnelReplayTest, KeepsANameOfTwoHundredCharactersReadThroughItsCutKey) {
+    const std::string name(200, 'n');
+    put(name, 1, 1);
+    put(name.substr(0, 180), 2);
+    vyrwrap_read_all_tunnels_from_dal();
+    const vpninfo *tunnel = vyrwrap_find_tunnel(name.c_str());
+    ASSERT_NE(tunnel, nullptr);
+    EXPECT_EQ(tunnel->mapid, 2U);
+}
+
 TEST_F(TunnelReplayTest, SkipsATunnelThatCannotBeReadAndCountsIt) {
     put("a", 1);
     fake::hashes["/op/tunnel/b"] = {{"mapid", "2"}};
