@@ -138,8 +138,9 @@ TEST_F(Instance, IsNotHeldByAChildThatOutlivesTheProcess) {
     Claimer first([] {},
                   [child] {
                       const pid_t forked = fork();
-                      for (; forked == 0;)
-                          pause();
+                      if (forked == 0)
+                          for (;;)
+                              pause();
                       *child = forked;
                   });
     ASSERT_EQ(first.result, 0);
