@@ -47,14 +47,13 @@ void *create_string(const redisReadTask *task, char *text, size_t length) {
 
 template <typename Count>
 void *create_array(const redisReadTask *task, Count elements) {
-    if (static_cast<size_t>(elements) > kMostElements)
-        return nullptr;
     if (is_part_of_value(task))
         return take_wrong_part(task);
-    if (!is_value(task))
-        return library.createArray(task, elements);
-    *value_of(task) = {false, true, kUnknownDigest, {}};
-    return &digested;
+    if (is_value(task)) {
+        *value_of(task) = {false, true, kUnknownDigest, {}};
+        return &digested;
+    }
+    return static_cast<size_t>(elements) > kMostElements ? nullptr : library.createArray(task, elements);
 }
 
 void *create_integer(const redisReadTask *task, long long number) {

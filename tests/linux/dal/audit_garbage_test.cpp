@@ -35,7 +35,6 @@ const char *const kNoHashes[] = {":5\r\n",
                                  "*2\r\n$1\r\nf\r\n+v\r\n",
                                  "*2\r\n$1\r\nf\r\n*1\r\n$1\r\nv\r\n",
                                  "*2\r\n*0\r\n*-1\r\n",
-                                 "*4194305\r\n",
                                  "-E\r\n"};
 
 /** These answers but the last, and then the others. */
@@ -149,6 +148,16 @@ TEST_F(DalAuditGarbage, InsteadOfAValueGivesTheComparisonUp) {
         EXPECT_EQ(delivered_count, 0U) << answer;
         EXPECT_EQ(loop::log_count("not compared"), 1U) << answer;
     }
+}
+
+TEST_F(DalAuditGarbage, AHashOfAnyNumberOfFieldsIsCompared) {
+    constexpr int kFields = 2200000;
+    std::string hash = "*" + std::to_string(2 * kFields) + "\r\n";
+    for (int i = 0; i < kFields; i++)
+        hash += "$1\r\nf\r\n$1\r\nv\r\n";
+    const Script script(connections({kInfo, kFlags, kOneKey, "-WRONGTYPE x\r\n", hash, kInfo, Script::kSink}));
+    begin_comparison();
+    EXPECT_TRUE(loop::run_until([this] { return ctx->audit.phase == dal::AuditPhase::again; }));
 }
 
 TEST_F(DalAuditGarbage, KeysWithoutEndGiveTheComparisonUp) {
