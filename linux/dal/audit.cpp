@@ -1,6 +1,6 @@
 /*
- * Comparisons of what subscribers know with what is there, on a link of their own that is open while one lasts. What is
- * found waits behind all notifications received before, and is looked at again when its turn comes.
+ * Comparisons of what subscribers know with what is there, on a link of their own that is open while one lasts and what
+ * it has found waits: behind all notifications received before, to be read again when its turn comes.
  */
 #include <stdio.h>
 
@@ -290,7 +290,6 @@ void follow_walk(dal_ctx *ctx) {
 
 bool ask_again(dal_ctx *ctx, bool as_hash) {
     const Notification *finding = ctx->waiting.first;
-    ctx->audit.phase = AuditPhase::again;
     ctx->audit.again.is_hash = as_hash;
     const Argument arguments[] = {argument(as_hash ? "HGETALL" : "GET"), {key_of(finding), key_length_of(finding)}};
     return link_send(&ctx->auditor, Question::value, nullptr, arguments);
