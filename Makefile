@@ -108,7 +108,7 @@ memcheck: build/memcheck/build.ninja
 	@$(CMAKE_BUILD) build/memcheck
 	@$(CTEST) --test-dir build/memcheck --tests-regex '^unit\.'
 
-# Each allocation of the daemon's made to fail once in each unit test, at most LIMIT in one test.
+# Each allocation of the daemon's made to fail once in each unit test, in at most LIMIT runs of a test.
 LIMIT ?= 100000
 allocations: build-asan
 	@for program in build/asan/bin/unit_*; do FAIL_EACH_ALLOCATION=$(LIMIT) lab/sandbox $$program || exit 1; done

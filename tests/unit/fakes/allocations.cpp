@@ -32,7 +32,11 @@ constexpr int kStatusLeak = 98;
 constexpr int kStatusNoTable = 12; /**< the daemon's own, where there is no memory for the static route table */
 
 /** What a child tells its parent. */
-long *shared_count;
+struct Told {
+    long allocations;
+    long failed;
+};
+Told *told;
 
 struct Sum {
     long tests;
@@ -42,7 +46,7 @@ struct Sum {
     long problems;
 };
 
-[[noreturn]] void run_in_child(const std::string &test, long failing) {
+[[noreturn]] void run_in_child(const std::string &test, long failing, long step) {
     setrlimit(RLIMIT_CPU, &kLongestTest);
     alarm(kLongestWaitSeconds);
     const int null_fd = open("/dev/null", O_WRONLY);
@@ -52,20 +56,21 @@ struct Sum {
     close(null_fd);
     close(report_fd);
     GTEST_FLAG_SET(filter, test);
-    fail_allocation(failing);
+    fail_allocation(failing, step);
     [[maybe_unused]] const int expectations = RUN_ALL_TESTS();  // they are about a daemon that has memory
-    *shared_count = allocations();
+    *told = {allocations(), allocations_failed()};
     fail_allocation(0);
     const bool leaks = __lsan_do_recoverable_leak_check && __lsan_do_recoverable_leak_check() != 0;
     __real__exit(leaks ? kStatusLeak : 0);
 }
 
 /** Returns the child's status. */
-int run_test(const std::string &test, long failing) {
+int run_test(const std::string &test, long failing, long step = 0) {
     fflush(stdout);
+    *told = {};
     const pid_t pid = __real_fork();
     if (pid == 0)
-        run_in_child(test, failing);
+        run_in_child(test, failing, step);
     int status = 0;
     waitpid(pid, &status, 0);
     return status;
@@ -106,21 +111,18 @@ void show_problem(const std::string &test, long failing, int status) {
 }
 
 void try_test(const std::string &test, long limit, Sum *sum) {
-    *shared_count = 0;
     sum->tests++;
     if (const int status = run_test(test, 0); outcome_of(status) != Outcome::good) {
         show_problem(test, 0, status);
         sum->problems++;
         return;
     }
-    const long count = *shared_count;
-    const long tries = std::min(count, limit);
+    const long count = told->allocations;
     sum->allocations += count;
-    sum->tried += tries;
-    for (long i = 0; i < tries; i++) {
-        const long failing = 1 + i * count / tries;
-        const int status = run_test(test, failing);
+    for (long failing = 1; failing <= std::min(count, limit); failing++) {
+        const int status = run_test(test, failing, count > limit ? limit : 0);
         const Outcome outcome = outcome_of(status);
+        sum->tried += told->failed;
         sum->ended_tests += outcome == Outcome::test_ended;
         if (outcome == Outcome::problem) {
             show_problem(test, failing, status);
@@ -133,8 +135,7 @@ void try_test(const std::string &test, long limit, Sum *sum) {
 
 int fail_each_allocation(long limit) {
     reset();  // what the fakes allocate once is there
-    shared_count = static_cast<long *>(
-        mmap(nullptr, sizeof *shared_count, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    told = static_cast<Told *>(mmap(nullptr, sizeof *told, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const std::string pattern = GTEST_FLAG_GET(filter);
     Sum sum = {};
     const auto *all = testing::UnitTest::GetInstance();

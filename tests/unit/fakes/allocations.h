@@ -5,11 +5,12 @@
 
 namespace fake {
 
-/** Makes the allocation of that number, counted from now on, fail; 0 for none. */
-void fail_allocation(long number);
+/** Makes the allocation of that number, counted from now on, fail, and each `step`-th behind it; 0 for none. */
+void fail_allocation(long number, long step = 0);
 
-/** Allocations counted since then, those of OwnAllocations left out. */
+/** Allocations counted since then, those of OwnAllocations left out, and how many of them failed. */
 long allocations();
+long allocations_failed();
 
 /** While one lives, what is allocated is a test's own: it does not count and does not fail. */
 class OwnAllocations {
@@ -23,7 +24,8 @@ public:
 /**
  * Runs each test once to count its allocations and then once for each of them, in a child in which that one fails. What
  * a test expects does not hold then and is not looked at; a crash, a sanitizer's report, a leak or a hang is an error.
- * A test with more allocations than `limit` is run for `limit` of them, spread evenly. Returns the exit status.
+ * A test with more allocations than `limit` is run `limit` times: each time another one of the first `limit` fails, and
+ * every `limit`-th behind it. Returns the exit status.
  */
 int fail_each_allocation(long limit);
 

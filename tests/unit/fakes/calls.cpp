@@ -87,25 +87,35 @@ bool fails(Call call) {
 
 long allocation_count;
 long failing_allocation;
+long failing_step;
+long failed_allocations;
 int own_allocations;
 
 /** The same for what fail_allocation has said. */
 bool allocation_fails() {
     if (own_allocations > 0 || ++allocation_count != failing_allocation)
         return false;
+    failing_allocation += failing_step;
+    failed_allocations++;
     errno = ENOMEM;
     return true;
 }
 
 }  // namespace
 
-void fail_allocation(long number) {
+void fail_allocation(long number, long step) {
     allocation_count = 0;
+    failed_allocations = 0;
     failing_allocation = number;
+    failing_step = step;
 }
 
 long allocations() {
     return allocation_count;
+}
+
+long allocations_failed() {
+    return failed_allocations;
 }
 
 OwnAllocations::OwnAllocations() {
